@@ -1,0 +1,59 @@
+#include "Orvix/ThreadKey.hpp"
+
+#include <cerrno>
+#include <iostream>
+
+#include "Orvix/StartupOrder.hpp"
+
+namespace util {
+
+// Plain data, never destroyed: the deleter below reads it after every object has gone.
+ThreadKey gl_threadKey = {};
+
+void ThreadKey::create(void (*destructor)(void*), CreateFn createFn) {
+  int result;
+  while ((result = createFn(&key, destructor)) == EAGAIN) {
+    std::cout << "repeat pthread_key_create" << std::endl;
+  }
+  if (result != 0) {
+    // The line break before ")" is part of the message as it has always been written.
+    std::cerr << "Could not create threadKey! (error: ";
+    if (result == ENOMEM)
+      std::cerr << "ENOMEM" << std::endl << ")" << std::endl;
+    else
+      std::cerr << result << ")" << std::endl;
+    return;
+  }
+  valid = true;
+}
+
+void ThreadKey::remove(DeleteFn deleteFn) {
+  const int result = deleteFn(key);
+  if (result == 0) return;
+  std::cerr << "Could not delete threadKey! (error: ";
+  if (result == EINVAL)
+    std::cerr << "EINVAL" << std::endl << ")" << std::endl;
+  else
+    std::cerr << result << ")" << std::endl;
+}
+
+void threadKeyDestructor(void* value) { (void)value; }
+
+namespace {
+
+struct ThreadKeyCreator {
+  ThreadKeyCreator() { gl_threadKey.create(&threadKeyDestructor); }
+};
+
+// Built early, destroyed last: the key outlives every other object of the library.
+struct ThreadKeyDeleter {
+  ~ThreadKeyDeleter() {
+    if (gl_threadKey.valid) gl_threadKey.remove();
+  }
+};
+
+ThreadKeyDeleter threadKeyDeleter __attribute__((init_priority(ORVIX_INIT_STREAMS)));
+ThreadKeyCreator threadKeyCreator __attribute__((init_priority(ORVIX_INIT_THREAD_KEY)));
+
+}  // namespace
+}  // namespace util

@@ -1,0 +1,184 @@
+#include "Orvix/SafeLinuxCalls.hpp"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "TestSupport.hpp"
+
+using orvix_test::assertionLine;
+using orvix_test::CaptureFd;
+using orvix_test::errorText;
+using orvix_test::runInChild;
+
+namespace {
+
+const char* kSig = "int util::CountingSemaphore::getValue()";
+
+std::string failureLine(const char* sig, const char* file, int line, int err) {
+  return std::string(sig) + " failed in " + file + ":" + std::to_string(line) + " - (" +
+         std::to_string(err) + ") " + errorText(err) + "\n";
+}
+
+}  // namespace
+
+TEST(Safe, PassesEveryResultButMinusOneSilently) {
+  CaptureFd err(2);
+  for (int v : {0, 1, 42, -2, -100, 2147483647, -2147483647 - 1}) {
+    errno = EINVAL;
+    EXPECT_EQ(util::safe(kSig, "Orvix/CountingSemaphore", 251, v, true), v);
+    EXPECT_EQ(util::safe(kSig, "Orvix/CountingSemaphore", 251, v, false), v);
+  }
+  EXPECT_EQ(err.text(), "");
+}
+
+TEST(Safe, NonFatalPrintsOneLineAndReturnsMinusOne) {
+  CaptureFd err(2);
+  errno = 22;
+  EXPECT_EQ(util::safe(kSig, "Orvix/CountingSemaphore", 251, -1, false), -1);
+  EXPECT_EQ(err.text(), failureLine(kSig, "Orvix/CountingSemaphore", 251, 22));
+}
+
+TEST(Safe, ExampleLineOfGetValue) {
+  CaptureFd err(2);
+  errno = 22;
+  util::safe(kSig, "Orvix/CountingSemaphore", 251, -1, false);
+  EXPECT_EQ(err.text(), std::string("int util::CountingSemaphore::getValue() failed in "
+                                    "Orvix/CountingSemaphore:251 - (22) ") +
+                            errorText(22) + "\n");
+}
+
+TEST(Safe, FatalPrintsThenFailsItsAssertion) {
+  auto r = runInChild([] {
+    errno = EINTR;
+    util::safe("void util::CountingSemaphore::doWait(const util::TimeSpec*)",
+               "Orvix/CountingSemaphore", 147, -1, true);
+  });
+  ASSERT_TRUE(r.signaled()) << r.describe();
+  EXPECT_EQ(r.signal(), SIGABRT);
+  EXPECT_EQ(r.err,
+            failureLine("void util::CountingSemaphore::doWait(const util::TimeSpec*)",
+                        "Orvix/CountingSemaphore", 147, EINTR) +
+                assertionLine("Orvix/SafeLinuxCalls", 32,
+                              "int util::safe(const char*, const char*, int, int, bool)",
+                              "linuxFuncResult != -1"));
+  EXPECT_EQ(r.out, "");
+}
+
+TEST(SafeDeathTest, FatalAsserts) {
+  EXPECT_DEATH(util::safe("f", "Orvix/X", 1, -1, true),
+               "Orvix/SafeLinuxCalls:32: int util::safe\\(const char\\*, const char\\*, int, int, "
+               "bool\\): Assertion `linuxFuncResult != -1' failed");
+}
+
+TEST(SafePosix, ZeroPassesSilently) {
+  CaptureFd err(2);
+  errno = 0;
+  EXPECT_EQ(util::safePosix("f", "Orvix/CppPthread", 10, 0), 0);
+  EXPECT_EQ(errno, 0);
+  EXPECT_EQ(err.text(), "");
+}
+
+TEST(SafePosix, NonZeroPrintsStoresErrnoAndAborts) {
+  for (int code : {3, 22, 35, -1, 1}) {
+    auto r = runInChild([code] {
+      errno = 0;
+      // The description is taken from errno after it was set, so the child can check it.
+      util::safePosix("orvix::Pthread::Pthread(int, int, int, void* (*)(void*), void*)",
+                      "Orvix/CppPthread", 77, code);
+    });
+    ASSERT_TRUE(r.signaled()) << r.describe();
+    EXPECT_EQ(r.signal(), SIGABRT);
+    EXPECT_EQ(r.err,
+              failureLine("orvix::Pthread::Pthread(int, int, int, void* (*)(void*), void*)",
+                          "Orvix/CppPthread", 77, code) +
+                  assertionLine("Orvix/SafeLinuxCalls", 50,
+                                "int util::safePosix(const char*, const char*, int, int)",
+                                "posixFuncResult == 0"))
+        << "code " << code;
+  }
+}
+
+TEST(SafePosix, ErrnoHoldsTheResultWhenItAborts) {
+  auto r = runInChild([] {
+    // The abort handler reports errno as the library left it.
+    signal(SIGABRT, [](int) {
+      char text[32];
+      const int n = snprintf(text, sizeof text, "errno=%d\n", errno);
+      (void)!write(1, text, static_cast<size_t>(n));
+      _exit(3);
+    });
+    util::safePosix("f", "Orvix/X", 1, 35);
+  });
+  ASSERT_TRUE(r.exited()) << r.describe();
+  EXPECT_EQ(r.exitCode(), 3);
+  EXPECT_EQ(r.out, "errno=35\n");
+}
+
+TEST(SafePosixDeathTest, Asserts) {
+  EXPECT_DEATH(util::safePosix("f", "Orvix/X", 1, 22),
+               "Orvix/SafeLinuxCalls:50: int util::safePosix\\(const char\\*, const char\\*, int, "
+               "int\\): Assertion `posixFuncResult == 0' failed");
+}
+
+TEST(PerrorErrno, DescriptionTwiceSecondFromErrno) {
+  CaptureFd err(2);
+  errno = EPERM;
+  orvix::ibuf::perror_errno("pthread_setschedparam", EINVAL);
+  EXPECT_EQ(err.text(), "\n**** ERROR - pthread_setschedparam: " + errorText(EINVAL) + "\n\n: " +
+                            errorText(EPERM) + "\n");
+}
+
+TEST(PerrorErrno, SameNumberTwice) {
+  CaptureFd err(2);
+  errno = ENOMEM;
+  orvix::ibuf::perror_errno("x", ENOMEM);
+  EXPECT_EQ(err.text(),
+            "\n**** ERROR - x: " + errorText(ENOMEM) + "\n\n: " + errorText(ENOMEM) + "\n");
+}
+
+TEST(SetSchedHighest, FifoAt98OrPrintedWarning) {
+  auto r = runInChild([] {
+    errno = 0;
+    orvix::ibuf::setSchedHighest(pthread_self());
+    int policy = -1;
+    sched_param p{};
+    pthread_getschedparam(pthread_self(), &policy, &p);
+    printf("policy=%d prio=%d\n", policy, p.sched_priority);
+  });
+  ASSERT_TRUE(r.exited()) << r.describe();
+  std::string reason;
+  if (orvix_test::canUseRealtime(&reason)) {
+    EXPECT_EQ(r.out, "policy=" + std::to_string(SCHED_FIFO) + " prio=98\n");
+    EXPECT_EQ(r.err, "");
+  } else {
+    std::cout << "[  SKIPPED ] the real-time branch: " << reason << "\n";
+    EXPECT_EQ(r.err.rfind("\n**** ERROR - pthread_setschedparam: ", 0), 0u) << r.err;
+  }
+}
+
+TEST(SetSchedHighest, FailureIsPrintedAndReturns) {
+  // An unprivileged process may not use SCHED_FIFO (its RLIMIT_RTPRIO is 0): the child gives up
+  // root and the call fails with EPERM, which is printed, and the function returns.
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to drop privileges in a child";
+  auto r = runInChild([] {
+    rlimit none{0, 0};
+    setrlimit(RLIMIT_RTPRIO, &none);
+    if (setgid(65534) != 0 || setuid(65534) != 0) {
+      printf("could not drop privileges\n");
+      return;
+    }
+    errno = 0;
+    orvix::ibuf::setSchedHighest(pthread_self());
+    printf("returned\n");
+  });
+  ASSERT_TRUE(r.exited()) << r.describe();
+  EXPECT_EQ(r.out, "returned\n");
+  EXPECT_EQ(r.err, "\n**** ERROR - pthread_setschedparam: " + errorText(EPERM) + "\n\n: " +
+                       errorText(0) + "\n");
+}

@@ -1,0 +1,72 @@
+// Helpers shared by the test programs.
+//
+// runInChild runs a function in a forked child with standard input, output and error on pipes
+// and returns what the child wrote and how it ended; use it wherever the code under test aborts,
+// exits or changes process-wide state. Lines the emulator adds to standard error ("qemu: ...")
+// are removed, so expectations hold under qemu-arm as on the host.
+// CaptureFd captures one of the process's own descriptors (1 or 2) in-process.
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+
+namespace orvix_test {
+
+struct ChildResult {
+  int status = 0;     // as waitpid reports it
+  std::string out;    // standard output
+  std::string err;    // standard error, emulator lines removed
+  bool timedOut = false;
+
+  bool exited() const;
+  int exitCode() const;     // -1 unless exited
+  bool signaled() const;
+  int signal() const;       // 0 unless signaled
+  std::string describe() const;  // for failure messages
+};
+
+// Runs fn in a forked child. stdinText is written to the child's standard input, which is then
+// closed. The child ends with _exit(0) after fn returns (streams flushed). A child that runs
+// longer than timeoutSeconds is killed (SIGKILL) and timedOut is set.
+ChildResult runInChild(const std::function<void()>& fn, const std::string& stdinText = "",
+                       int timeoutSeconds = 120);
+
+// The line __assert_fail prints, with this program's name.
+std::string assertionLine(const std::string& file, int line, const std::string& function,
+                          const std::string& expression);
+
+// Removes every line that begins with "qemu:" (emulator reports, not the library's).
+std::string withoutEmulatorLines(const std::string& text);
+
+// The system's description of an error number (strerror_r).
+std::string errorText(int err);
+
+// Captures what this process writes to fd (1 or 2) between construction and text().
+class CaptureFd {
+ public:
+  explicit CaptureFd(int fd);
+  ~CaptureFd();
+  CaptureFd(const CaptureFd&) = delete;
+  CaptureFd& operator=(const CaptureFd&) = delete;
+
+  // Stops capturing (once) and returns everything captured.
+  std::string text();
+
+ private:
+  void stop();
+  int fd_;
+  int saved_;
+  int file_;
+  bool stopped_ = false;
+  std::string captured_;
+};
+
+// True when the process may use SCHED_FIFO; otherwise reason says why not.
+bool canUseRealtime(std::string* reason);
+
+// True when this build runs under an emulator (qemu-user); such differences are the emulator's.
+bool underEmulator();
+
+}  // namespace orvix_test
