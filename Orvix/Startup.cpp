@@ -8,8 +8,12 @@
 static_assert(kOrvixBuildInterface == ORVIX_BUILD_INTERFACE,
               "the build-interface number of the library and of its build disagree");
 
-__attribute__((constructor(ORVIX_INIT_BUILD_CHECK))) void Orvix_constructor() {
-  (void)checkBuildVersion(kOrvixBuildInterface);
+void Orvix_constructor() { (void)checkBuildVersion(kOrvixBuildInterface); }
+
+// GCC drops a constructor priority given on a definition whose declaration had none, so the
+// registration is a separate function that does nothing else.
+__attribute__((constructor(ORVIX_INIT_BUILD_CHECK))) static void runOrvixConstructorFirst() {
+  Orvix_constructor();
 }
 
 // The standard streams are ready before any object of the library that may write to them.
