@@ -3,6 +3,8 @@
 
 #include "Orvix/CppLimitedBuffer.hpp"
 #include "Orvix/CppLimitedStateValueBuffer.hpp"
+#include "Orvix/CppSync2Intern.hpp"
+#include "Orvix/CppSyncLockGroup.hpp"
 #include "Orvix/GeneralException.hpp"
 #include "Orvix/ImplementedFunc.hpp"
 #include "Orvix/Locale.hpp"
