@@ -60,7 +60,7 @@ class LimitedBuffer {
   // a moved by delta bytes, wrapping in either direction.
   char* walk(char* a, ptrdiff_t delta) const;
 
-  // Writes partSize bytes of the ring from partBegin on, wrapping at the end.
+  // Writes partSize bytes of the ring from partBegin on, wrapping at the end; takes mutex.
   void readPart(char* partBegin, std::size_t partSize, std::ostream& os);
 
   // Writes the surviving text with its state value lists between two frame lines.

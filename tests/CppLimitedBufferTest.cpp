@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <deque>
@@ -342,6 +343,7 @@ TEST_F(LimitedBufferTest, RandomizedAgainstHistoryModel) {
   for (std::size_t cap : {7u, 16u, 61u}) {
     LimitedBuffer lb(cap, 2, hexFormat);
     std::string history;
+    std::string ringModel(cap, '\0');  // the ring's bytes, written piece by piece with wrap
     std::deque<std::pair<std::size_t, std::string>> lists;  // (history offset, record)
     for (int step = 0; step < 3000; ++step) {
       const unsigned op = rng() % 10;
@@ -358,6 +360,7 @@ TEST_F(LimitedBufferTest, RandomizedAgainstHistoryModel) {
             break;
           }
         }
+        for (std::size_t i = 0; i < len; ++i) ringModel[(history.size() + i) % cap] = piece[i];
         history += piece;
         if (op < 4)
           lb.add(piece.data(), piece.size());
@@ -384,6 +387,10 @@ TEST_F(LimitedBufferTest, RandomizedAgainstHistoryModel) {
         expected += history.substr(at) + kFooter;
         ASSERT_EQ(printed(lb), expected) << "cap " << cap << " step " << step;
       }
+      // Bytes never written are left as the allocation gave them.
+      const std::size_t written = std::min(history.size(), cap);
+      ASSERT_EQ(std::string(lb.ringBegin(), written), ringModel.substr(0, written))
+          << "cap " << cap << " step " << step;
       ASSERT_EQ(lb.validSize(), std::min(history.size(), cap));
       ASSERT_EQ(static_cast<std::size_t>(lb.writePos() - lb.ringBegin()), history.size() % cap);
       ASSERT_EQ(lb.stateValueLists().getCount(), static_cast<int>(lists.size()));
