@@ -1,6 +1,10 @@
 // Umbrella header: every public header of the library.
 #pragma once
 
+#include "Orvix/CppLimitedBuffer.hpp"
+#include "Orvix/CppLimitedStateValueBuffer.hpp"
+#include "Orvix/CppSync2Intern.hpp"
+#include "Orvix/CppSyncLockGroup.hpp"
 #include "Orvix/GeneralException.hpp"
 #include "Orvix/ImplementedFunc.hpp"
 #include "Orvix/Locale.hpp"
