@@ -1,6 +1,7 @@
 // Umbrella header: every public header of the library.
 #pragma once
 
+#include "Orvix/CppPthread.hpp"
 #include "Orvix/GeneralException.hpp"
 #include "Orvix/ImplementedFunc.hpp"
 #include "Orvix/Locale.hpp"
