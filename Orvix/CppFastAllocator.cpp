@@ -51,33 +51,6 @@ void BaseHeap::init(char* mem, char* memEnd) {
   sumAllocated = 0;
 }
 
-void* BaseHeap::alloc(size_t size) {
-  ORVIX_ASSERT((reinterpret_cast<ptrdiff_t>(nextMem) & 7) == 0, "((ptrdiff_t) nextMem & 7) == 0",
-               kFile, 110);
-  const size_t ceilSize = (size + 7) & ~static_cast<size_t>(7);
-  if (size < ceilSize) sumPadding += ceilSize - size;
-  // Compared as distances: the pointer sum itself may lie outside the region.
-  ORVIX_ASSERT(ceilSize <= static_cast<size_t>(memEnd - nextMem) && ceilSize >= size,
-               "nextMem + ceilSize <= memEnd", kFile, 119);
-  char* result = nextMem;
-  nextMem += ceilSize;
-  sumAllocated += size;
-  return result;
-}
-
-void BaseHeap::dealloc(void* p, size_t size) {
-  ORVIX_ASSERT(sumAllocated >= size, "sumAllocated >= size", kFile, 135);
-  sumAllocated -= size;
-  if (sumAllocated == 0) {
-    nextMem = mem;
-    return;
-  }
-  // The unrounded size: only pieces of a multiple of 8 step back singly.
-  if (nextMem == static_cast<char*>(p) + size) nextMem = static_cast<char*>(p);
-}
-
-bool BaseHeap::allFree() { return nextMem == mem; }
-
 namespace {
 
 unsigned long long* newUnits(size_t size) {

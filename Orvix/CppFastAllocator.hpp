@@ -105,6 +105,35 @@ class SubHeap : public IHeap {
   BaseHeap base;
 };
 
+// The hot path is inline so that a caller holding the heap by its type pays a few instructions;
+// the assertion texts name the library's source unit.
+inline void* BaseHeap::alloc(size_t size) {
+  ORVIX_ASSERT((reinterpret_cast<ptrdiff_t>(nextMem) & 7) == 0, "((ptrdiff_t) nextMem & 7) == 0",
+               "Orvix/CppFastAllocator", 110);
+  const size_t ceilSize = (size + 7) & ~static_cast<size_t>(7);
+  if (size < ceilSize) sumPadding += ceilSize - size;
+  // Compared as distances (and against wrapping): the pointer sum may lie outside the region.
+  ORVIX_ASSERT(ceilSize <= static_cast<size_t>(memEnd - nextMem) && ceilSize >= size,
+               "nextMem + ceilSize <= memEnd", "Orvix/CppFastAllocator", 119);
+  char* result = nextMem;
+  nextMem += ceilSize;
+  sumAllocated += size;
+  return result;
+}
+
+inline void BaseHeap::dealloc(void* p, size_t size) {
+  ORVIX_ASSERT(sumAllocated >= size, "sumAllocated >= size", "Orvix/CppFastAllocator", 135);
+  sumAllocated -= size;
+  if (sumAllocated == 0) {
+    nextMem = mem;
+    return;
+  }
+  // The unrounded size: only pieces of a multiple of 8 step back singly.
+  if (nextMem == static_cast<char*>(p) + size) nextMem = static_cast<char*>(p);
+}
+
+inline bool BaseHeap::allFree() { return nextMem == mem; }
+
 // A deleter that does nothing: puts an object whose owner destroys it explicitly (a SubHeap
 // placed in another heap) under a shared_ptr.
 template <typename T>

@@ -33,7 +33,9 @@ static std::atomic<int> gl_failStackSize{0};
 extern "C" int pthread_attr_setstacksize(pthread_attr_t* attr, size_t size) {
   using Fn = int (*)(pthread_attr_t*, size_t);
   static Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "pthread_attr_setstacksize"));
-  gl_requestedStack = size;
+  // The first call is the library's; a sanitizer's pthread_create may call again to enlarge.
+  size_t none = 0;
+  gl_requestedStack.compare_exchange_strong(none, size);
   if (const int err = gl_failStackSize.exchange(0)) return err;
   return real(attr, size);
 }
@@ -82,6 +84,7 @@ size_t roundToPages(size_t bytes) { return ((bytes - 1 + page()) / page()) * pag
 // one when that is large enough, and then reports the cached stack's size.
 void checkStackOf(const std::function<Pthread()>& start, size_t expected) {
   auto r = runInChild([&start] {
+    gl_requestedStack = 0;
     Pthread t = start();
     const size_t requested = gl_requestedStack;
     const size_t seen = reinterpret_cast<size_t>(t.join());

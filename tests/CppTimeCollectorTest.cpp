@@ -330,9 +330,10 @@ TEST(TimeCollectorPool, SurplusDumpsGoBackUnprinted) {
   std::ostream out(&buf);
   SyncBuf otherBuf;
   std::ostream otherOut(&otherBuf);
-  TimeCollectorPool pool(out, 1, 1024, 2);
-  // Collectors of a second pool fill the first one's queue beyond its own collectors.
+  // Collectors of a second pool fill the first one's queue beyond its own collectors. It is
+  // built first so that it outlives the first pool's dump thread, which returns them.
   TimeCollectorPool other(otherOut, 1, 1024, 4);
+  TimeCollectorPool pool(out, 1, 1024, 2);
   buf.hold();
   auto a = pool.get(1);
   a->stamp("a", at(1));
