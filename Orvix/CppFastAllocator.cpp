@@ -80,6 +80,9 @@ void SimpleHeap::dealloc(void* p, size_t size) { base.dealloc(p, size); }
 
 bool SimpleHeap::allFree() { return base.allFree(); }
 
+template class FastAllocator<char>;
+template class FastAllocator<SubHeap>;
+
 SimpleHeap SimpleHeap::singleton __attribute__((init_priority(ORVIX_INIT_HEAP)))(0x100000);
 
 SubHeap::SubHeap(IHeap& parent, size_t size) : parent(parent), base() {

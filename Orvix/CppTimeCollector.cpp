@@ -11,6 +11,17 @@ namespace {
 const char* const kFile = "Orvix/CppTimeCollector";
 }  // namespace
 
+// The instantiations the collectors use, exported with the library.
+template class FastAllocator<TimeCollector::MyString>;
+template class FastAllocator<TimeCollector::Entry>;
+template class FastAllocator<TimeCollectorPool::CollectorPtr>;
+template class FastAllocator<TimeCollector>;
+template class FastAllocator<NonlockingPool<TimeCollector>>;
+template class FastAllocator<TimeCollectorPool::Queue>;
+template class NonlockingPool<TimeCollector>;
+template class BlockingQueue<TimeCollectorPool::CollectorPtr,
+                             FastAllocator<TimeCollectorPool::CollectorPtr>>;
+
 TimeCollector::TimeCollector(int capacity)
     : allocator(std::shared_ptr<IHeap>(std::make_shared<SimpleHeap>(OWN_HEAP_SIZE))),
       entries(allocator) {
