@@ -1,10 +1,16 @@
 // Umbrella header: every public header of the library.
 #pragma once
 
+#include "Orvix/CppBlockingQueue.hpp"
+#include "Orvix/CppCapacityControl.hpp"
+#include "Orvix/CppFastAllocator.hpp"
 #include "Orvix/CppLimitedBuffer.hpp"
 #include "Orvix/CppLimitedStateValueBuffer.hpp"
+#include "Orvix/CppNonlockingPool.hpp"
+#include "Orvix/CppPthread.hpp"
 #include "Orvix/CppSync2Intern.hpp"
 #include "Orvix/CppSyncLockGroup.hpp"
+#include "Orvix/CppTimeCollector.hpp"
 #include "Orvix/GeneralException.hpp"
 #include "Orvix/ImplementedFunc.hpp"
 #include "Orvix/Locale.hpp"
