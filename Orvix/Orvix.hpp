@@ -1,6 +1,7 @@
 // Umbrella header: every public header of the library.
 #pragma once
 
+#include "Orvix/CountingSemaphore.hpp"
 #include "Orvix/CppBlockingQueue.hpp"
 #include "Orvix/CppCapacityControl.hpp"
 #include "Orvix/CppFastAllocator.hpp"
@@ -13,11 +14,14 @@
 #include "Orvix/CppTimeCollector.hpp"
 #include "Orvix/GeneralException.hpp"
 #include "Orvix/ImplementedFunc.hpp"
+#include "Orvix/InitCondVar.hpp"
 #include "Orvix/Locale.hpp"
 #include "Orvix/LogGroups.hpp"
 #include "Orvix/NotYetImplemented.hpp"
 #include "Orvix/OrvixAssert.hpp"
+#include "Orvix/RecursiveMutex.hpp"
 #include "Orvix/SafeLinuxCalls.hpp"
 #include "Orvix/Startup.hpp"
 #include "Orvix/ThreadKey.hpp"
 #include "Orvix/ThreadSafeStream.hpp"
+#include "Orvix/TimeSpec.hpp"
