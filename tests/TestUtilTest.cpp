@@ -17,7 +17,6 @@
 #include "TestSupport.hpp"
 
 using orvix_test::CaptureFd;
-using orvix_test::runInChild;
 
 // ---- TestThreadState -----------------------------------------------------------------------------
 
@@ -302,29 +301,27 @@ TEST(AsyncInput, EndOfInputGivesAnEmptyLine) {
 // ---- enterIfInteractive --------------------------------------------------------------------------
 
 TEST(EnterIfInteractive, NotInteractiveNeitherPrintsNorReads) {
-  auto r = runInChild(
-      [] {
-        enterIfInteractive(false, "Weiter");
-        std::string l;
-        std::getline(std::cin, l);
-        printf("next=%s\n", l.c_str());
-      },
-      "one\ntwo\n");
-  ASSERT_TRUE(r.exited()) << r.describe();
-  EXPECT_EQ(r.out, "next=one\n");
-  EXPECT_EQ(r.err, "");
+  std::istringstream typed("one\ntwo\n");
+  CinFrom redirect(typed.rdbuf());
+  CaptureFd out(1);
+  CaptureFd err(2);
+  enterIfInteractive(false, "Weiter");
+  std::string next;
+  std::getline(std::cin, next);
+  EXPECT_EQ(next, "one");
+  EXPECT_EQ(err.text(), "");
+  EXPECT_EQ(out.text(), "");
 }
 
 TEST(EnterIfInteractive, InteractivePromptsAndConsumesOneLine) {
-  auto r = runInChild(
-      [] {
-        enterIfInteractive(true, "Druck starten");
-        std::string l;
-        std::getline(std::cin, l);
-        printf("next=%s\n", l.c_str());
-      },
-      "one\ntwo\n");
-  ASSERT_TRUE(r.exited()) << r.describe();
-  EXPECT_EQ(r.err, "*** Nach ENTER: Druck starten ... > ");
-  EXPECT_EQ(r.out, "next=two\n");
+  std::istringstream typed("one\ntwo\n");
+  CinFrom redirect(typed.rdbuf());
+  CaptureFd out(1);
+  CaptureFd err(2);
+  enterIfInteractive(true, "Druck starten");
+  std::string next;
+  std::getline(std::cin, next);
+  EXPECT_EQ(next, "two");
+  EXPECT_EQ(err.text(), "*** Nach ENTER: Druck starten ... > ");
+  EXPECT_EQ(out.text(), "");
 }
