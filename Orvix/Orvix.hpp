@@ -22,6 +22,8 @@
 #include "Orvix/RecursiveMutex.hpp"
 #include "Orvix/SafeLinuxCalls.hpp"
 #include "Orvix/Startup.hpp"
+#include "Orvix/TestUtil.hpp"
+#include "Orvix/Thread.hpp"
 #include "Orvix/ThreadKey.hpp"
 #include "Orvix/ThreadSafeStream.hpp"
 #include "Orvix/TimeSpec.hpp"

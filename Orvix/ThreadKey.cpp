@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "Orvix/StartupOrder.hpp"
+#include "Orvix/Thread.hpp"
 
 namespace util {
 
@@ -37,7 +38,8 @@ void ThreadKey::remove(DeleteFn deleteFn) {
     std::cerr << result << ")" << std::endl;
 }
 
-void threadKeyDestructor(void* value) { (void)value; }
+// Records the end of a util::Thread, whether its body returned or it was cancelled.
+void threadKeyDestructor(void* value) { static_cast<ThreadInternals*>(value)->runFinished(); }
 
 namespace {
 
