@@ -108,7 +108,7 @@ int sem_destroy(sem_t* s) __THROW {
 
 namespace {
 
-const std::string kWarn = "[WARN Orvix/GeneralException:65]    Constructing GeneralException with msg ";
+using orvix_test::kWarn;
 const char kFile[] = "Orvix/CountingSemaphore";
 
 TimeSpec realtimeIn(int ms) {
@@ -139,20 +139,6 @@ bool waitForWaiters(CountingSemaphore& s, int n) {
     std::this_thread::yield();
   }
   return true;
-}
-
-// Runs fn, expects a GeneralException with exactly msg, and its one warning line on stdout.
-template <class F>
-void expectThrows(F fn, const std::string& msg) {
-  CaptureFd out(1);
-  std::string what = "<nothing thrown>";
-  try {
-    fn();
-  } catch (const GeneralException& e) {
-    what = e.what();
-  }
-  EXPECT_EQ(what, msg);
-  EXPECT_EQ(out.text(), kWarn + msg + "\n");
 }
 
 void noOpHandler(int) {}
@@ -256,7 +242,7 @@ TEST(CountingSemaphore, TimedwaitWithInvalidDeadlineIsEinval) {
   CountingSemaphore s(0);
   TimeSpec bad;
   bad.init(0, -1);  // normalised, but no valid absolute time
-  expectThrows([&] { s.timedwait(bad); }, "EINVAL in sem_wait of CountingSemaphore::wait");
+  orvix_test::expectGeneralException([&] { s.timedwait(bad); }, "EINVAL in sem_wait of CountingSemaphore::wait");
   EXPECT_EQ(s.waitingThreads(), 0);
 }
 
@@ -641,7 +627,7 @@ TEST(CountingSemaphoreErrors, TryDownNames) {
     failTrywait = Fault{};
     failTrywait.result = -1;
     failTrywait.err = c.first;
-    expectThrows([&] { s.tryDown(); }, c.second);
+    orvix_test::expectGeneralException([&] { s.tryDown(); }, c.second);
   }
   // A result that is itself the number.
   failTrywait = Fault{};
@@ -649,7 +635,7 @@ TEST(CountingSemaphoreErrors, TryDownNames) {
   EXPECT_FALSE(s.tryDown());
   failTrywait = Fault{};
   failTrywait.result = EINVAL;
-  expectThrows([&] { s.tryDown(); }, "EINVVAL in sem_trywait in CountingSemaphore::tryDown");
+  orvix_test::expectGeneralException([&] { s.tryDown(); }, "EINVVAL in sem_trywait in CountingSemaphore::tryDown");
 }
 
 TEST(CountingSemaphoreErrors, GetValueNeverBelowZero) {
@@ -663,10 +649,10 @@ TEST(CountingSemaphoreErrors, GetValueOddResultThrows) {
   CountingSemaphore s(0);
   failGetvalue = Fault{};
   failGetvalue.result = EINVAL;
-  expectThrows([&] { s.getValue(); }, "EINVAL in sem_getvalue in CountingSemaphore::getValue");
+  orvix_test::expectGeneralException([&] { s.getValue(); }, "EINVAL in sem_getvalue in CountingSemaphore::getValue");
   failGetvalue = Fault{};
   failGetvalue.result = 9;
-  expectThrows([&] { s.getValue(); },
+  orvix_test::expectGeneralException([&] { s.getValue(); },
                "Unexpected errno (9) in sem_getvalue in CountingSemaphore::getValue");
 }
 

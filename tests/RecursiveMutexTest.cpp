@@ -122,7 +122,7 @@ int pthread_cond_timedwait(pthread_cond_t* c, pthread_mutex_t* m, const timespec
 
 namespace {
 
-const std::string kWarn = "[WARN Orvix/GeneralException:65]    Constructing GeneralException with msg ";
+using orvix_test::kWarn;
 
 TimeSpec monotonicIn(int ms) {
   TimeSpec t;
@@ -131,20 +131,6 @@ TimeSpec monotonicIn(int ms) {
   d.initFromMs(ms);
   t += d;
   return t;
-}
-
-// Runs fn, expects a GeneralException with exactly msg, and its one warning line on stdout.
-template <class F>
-void expectThrows(F fn, const std::string& msg) {
-  CaptureFd out(1);
-  std::string what = "<nothing thrown>";
-  try {
-    fn();
-  } catch (const GeneralException& e) {
-    what = e.what();
-  }
-  EXPECT_EQ(what, msg);
-  EXPECT_EQ(out.text(), kWarn + msg + "\n");
 }
 
 }  // namespace
@@ -396,14 +382,14 @@ TEST(WaitCond, TimedwaitWithInvalidNanosecondsIsEinval) {
   TimeSpec bad;
   bad.init(0, -1);
   Lock l(m);
-  expectThrows([&] { l.timedwait(c, bad); }, "EINVAL  in pthread_cond_timedwait");
+  orvix_test::expectGeneralException([&] { l.timedwait(c, bad); }, "EINVAL  in pthread_cond_timedwait");
 }
 
 TEST(WaitCondErrors, WaitWithoutTheMutexIsEperm) {
   // The caller must hold the mutex; a recursive mutex knows its owner and refuses.
   RecursiveMutex m;
   WaitCond c;
-  expectThrows([&] { c.wait(m); }, "EPERM  in pthread_cond_wait");
+  orvix_test::expectGeneralException([&] { c.wait(m); }, "EPERM  in pthread_cond_wait");
 }
 
 TEST(WaitCondErrors, TimedwaitOtherNumbers) {
@@ -411,9 +397,9 @@ TEST(WaitCondErrors, TimedwaitOtherNumbers) {
   WaitCond c;
   Lock l(m);
   failCondTimedwait = EPERM;
-  expectThrows([&] { c.timedwait(m, monotonicIn(1000)); }, "EPERM  in pthread_cond_timedwait");
+  orvix_test::expectGeneralException([&] { c.timedwait(m, monotonicIn(1000)); }, "EPERM  in pthread_cond_timedwait");
   failCondTimedwait = 12345;
-  expectThrows([&] { c.timedwait(m, monotonicIn(1000)); },
+  orvix_test::expectGeneralException([&] { c.timedwait(m, monotonicIn(1000)); },
                "Unexpected errno (12345)  in pthread_cond_timedwait");
   failCondTimedwait = ETIMEDOUT;
   CaptureFd out(1);
@@ -443,7 +429,7 @@ TEST(WaitCondErrors, ConstructionSteps) {
   };
   for (const Step& s : steps) {
     *s.arm = s.code;
-    expectThrows([] { WaitCond c; }, s.msg);
+    orvix_test::expectGeneralException([] { WaitCond c; }, s.msg);
     EXPECT_EQ(*s.arm, 0) << s.msg;  // the step was reached
   }
 }
@@ -451,17 +437,17 @@ TEST(WaitCondErrors, ConstructionSteps) {
 TEST(WaitCondErrors, SignalAndBroadcast) {
   WaitCond c;
   failCondSignal = EINVAL;
-  expectThrows([&] { c.signal(); }, "EINVAL  in pthread_cond_signal");
+  orvix_test::expectGeneralException([&] { c.signal(); }, "EINVAL  in pthread_cond_signal");
   failCondSignal = EPERM;
-  expectThrows([&] { c.signal(); }, "EPERM  in pthread_cond_signal");
+  orvix_test::expectGeneralException([&] { c.signal(); }, "EPERM  in pthread_cond_signal");
   failCondSignal = EBUSY;
-  expectThrows([&] { c.signal(); }, "Unexpected errno (16)  in pthread_cond_signal");
+  orvix_test::expectGeneralException([&] { c.signal(); }, "Unexpected errno (16)  in pthread_cond_signal");
   failCondBroadcast = EINVAL;
-  expectThrows([&] { c.broadcast(); }, "EINVAL  in pthread_cond_broadcast");
+  orvix_test::expectGeneralException([&] { c.broadcast(); }, "EINVAL  in pthread_cond_broadcast");
   failCondBroadcast = EPERM;
-  expectThrows([&] { c.broadcast(); }, "EPERM  in pthread_cond_broadcast");
+  orvix_test::expectGeneralException([&] { c.broadcast(); }, "EPERM  in pthread_cond_broadcast");
   failCondBroadcast = EBUSY;
-  expectThrows([&] { c.broadcast(); }, "Unexpected errno (16)  in pthread_cond_broadcast");
+  orvix_test::expectGeneralException([&] { c.broadcast(); }, "Unexpected errno (16)  in pthread_cond_broadcast");
 }
 
 TEST(WaitCondErrors, DestructorWritesAndCarriesOn) {
@@ -484,7 +470,7 @@ TEST(WaitCondErrors, WaitOtherNumbers) {
   WaitCond c;
   Lock l(m);
   failCondWait = EINVAL;
-  expectThrows([&] { l.wait(c); }, "EINVAL  in pthread_cond_wait");
+  orvix_test::expectGeneralException([&] { l.wait(c); }, "EINVAL  in pthread_cond_wait");
   failCondWait = ETIMEDOUT;
-  expectThrows([&] { l.wait(c); }, "Unexpected errno (110)  in pthread_cond_wait");
+  orvix_test::expectGeneralException([&] { l.wait(c); }, "Unexpected errno (110)  in pthread_cond_wait");
 }

@@ -9,8 +9,12 @@
 
 #include <sys/types.h>
 
+#include <gtest/gtest.h>
+
 #include <functional>
 #include <string>
+
+#include "Orvix/GeneralException.hpp"
 
 namespace orvix_test {
 
@@ -62,6 +66,24 @@ class CaptureFd {
   bool stopped_ = false;
   std::string captured_;
 };
+
+// What a GeneralException prints on standard output when it is constructed, before its message.
+inline const std::string kWarn =
+    "[WARN Orvix/GeneralException:65]    Constructing GeneralException with msg ";
+
+// Runs fn, expects a GeneralException with exactly msg, and its one warning line on stdout.
+template <class F>
+void expectGeneralException(F fn, const std::string& msg) {
+  CaptureFd out(1);
+  std::string what = "<nothing thrown>";
+  try {
+    fn();
+  } catch (const util::GeneralException& e) {
+    what = e.what();
+  }
+  EXPECT_EQ(what, msg);
+  EXPECT_EQ(out.text(), kWarn + msg + "\n");
+}
 
 // True when the process may use SCHED_FIFO; otherwise reason says why not.
 bool canUseRealtime(std::string* reason);

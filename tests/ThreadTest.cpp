@@ -85,7 +85,7 @@ int pthread_attr_getschedpolicy(const pthread_attr_t* a, int* p) __THROW {
 
 namespace {
 
-const std::string kWarn = "[WARN Orvix/GeneralException:65]    Constructing GeneralException with msg ";
+using orvix_test::kWarn;
 
 // A thread whose body is a function; exposes the internals to the tests.
 class TestThread : public Thread {
