@@ -48,12 +48,10 @@ std::string content(LimitedBuffer& lb) {
   return os.str();
 }
 
+// Runs fn in a child and expects exactly the given assertion failure of this unit.
 void expectAssertion(const std::function<void()>& fn, int line, const std::string& function,
                      const std::string& expr) {
-  auto r = runInChild(fn);
-  ASSERT_TRUE(r.signaled()) << r.describe();
-  EXPECT_EQ(r.signal(), SIGABRT);
-  EXPECT_EQ(r.err, assertionLine(kUnit, line, function, expr));
+  orvix_test::expectAssertion(fn, kUnit, line, function, expr);
 }
 
 // Every test but the one that checks the load state runs with the switch on.

@@ -72,12 +72,10 @@ class Sync2Test : public ::testing::Test {
   LockGroup group;
 };
 
+// Runs fn in a child and expects exactly the given assertion failure of this unit.
 void expectAssertion(const std::function<void()>& fn, int line, const std::string& function,
                      const std::string& expr) {
-  auto r = runInChild(fn);
-  ASSERT_TRUE(r.signaled()) << r.describe();
-  EXPECT_EQ(r.signal(), SIGABRT);
-  EXPECT_EQ(r.err, assertionLine(kUnit, line, function, expr));
+  orvix_test::expectAssertion(fn, kUnit, line, function, expr);
 }
 
 }  // namespace

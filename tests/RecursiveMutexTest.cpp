@@ -41,80 +41,71 @@ thread_local int failCondBroadcast = 0;
 thread_local int failCondTimedwait = 0;
 thread_local int failCondWait = 0;
 
-// Returns the armed number once and disarms.
-int take(int& armed) {
-  const int r = armed;
-  armed = 0;
-  return r;
-}
-
-template <class F>
-F next(const char* name) {
-  return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
-}
+using orvix_test::nextSymbol;
+using orvix_test::takeArmed;
 
 }  // namespace
 
 extern "C" {
 
 int pthread_mutex_destroy(pthread_mutex_t* m) __THROW {
-  static auto real = next<int (*)(pthread_mutex_t*)>("pthread_mutex_destroy");
-  if (const int r = take(failMutexDestroy)) return r;
+  static auto real = nextSymbol<int (*)(pthread_mutex_t*)>("pthread_mutex_destroy");
+  if (const int r = takeArmed(failMutexDestroy)) return r;
   return real(m);
 }
 
 int pthread_condattr_init(pthread_condattr_t* a) __THROW {
-  static auto real = next<int (*)(pthread_condattr_t*)>("pthread_condattr_init");
-  if (const int r = take(failCondattrInit)) return r;
+  static auto real = nextSymbol<int (*)(pthread_condattr_t*)>("pthread_condattr_init");
+  if (const int r = takeArmed(failCondattrInit)) return r;
   return real(a);
 }
 
 int pthread_condattr_setclock(pthread_condattr_t* a, clockid_t c) __THROW {
-  static auto real = next<int (*)(pthread_condattr_t*, clockid_t)>("pthread_condattr_setclock");
-  if (const int r = take(failCondattrSetclock)) return r;
+  static auto real = nextSymbol<int (*)(pthread_condattr_t*, clockid_t)>("pthread_condattr_setclock");
+  if (const int r = takeArmed(failCondattrSetclock)) return r;
   return real(a, c);
 }
 
 int pthread_cond_init(pthread_cond_t* c, const pthread_condattr_t* a) __THROW {
-  static auto real = next<int (*)(pthread_cond_t*, const pthread_condattr_t*)>("pthread_cond_init");
-  if (const int r = take(failCondInit)) return r;
+  static auto real = nextSymbol<int (*)(pthread_cond_t*, const pthread_condattr_t*)>("pthread_cond_init");
+  if (const int r = takeArmed(failCondInit)) return r;
   return real(c, a);
 }
 
 int pthread_condattr_destroy(pthread_condattr_t* a) __THROW {
-  static auto real = next<int (*)(pthread_condattr_t*)>("pthread_condattr_destroy");
-  if (const int r = take(failCondattrDestroy)) return r;
+  static auto real = nextSymbol<int (*)(pthread_condattr_t*)>("pthread_condattr_destroy");
+  if (const int r = takeArmed(failCondattrDestroy)) return r;
   return real(a);
 }
 
 int pthread_cond_destroy(pthread_cond_t* c) __THROW {
-  static auto real = next<int (*)(pthread_cond_t*)>("pthread_cond_destroy");
-  if (const int r = take(failCondDestroy)) return r;
+  static auto real = nextSymbol<int (*)(pthread_cond_t*)>("pthread_cond_destroy");
+  if (const int r = takeArmed(failCondDestroy)) return r;
   return real(c);
 }
 
 int pthread_cond_signal(pthread_cond_t* c) __THROW {
-  static auto real = next<int (*)(pthread_cond_t*)>("pthread_cond_signal");
-  if (const int r = take(failCondSignal)) return r;
+  static auto real = nextSymbol<int (*)(pthread_cond_t*)>("pthread_cond_signal");
+  if (const int r = takeArmed(failCondSignal)) return r;
   return real(c);
 }
 
 int pthread_cond_broadcast(pthread_cond_t* c) __THROW {
-  static auto real = next<int (*)(pthread_cond_t*)>("pthread_cond_broadcast");
-  if (const int r = take(failCondBroadcast)) return r;
+  static auto real = nextSymbol<int (*)(pthread_cond_t*)>("pthread_cond_broadcast");
+  if (const int r = takeArmed(failCondBroadcast)) return r;
   return real(c);
 }
 
 int pthread_cond_wait(pthread_cond_t* c, pthread_mutex_t* m) {
-  static auto real = next<int (*)(pthread_cond_t*, pthread_mutex_t*)>("pthread_cond_wait");
-  if (const int r = take(failCondWait)) return r;
+  static auto real = nextSymbol<int (*)(pthread_cond_t*, pthread_mutex_t*)>("pthread_cond_wait");
+  if (const int r = takeArmed(failCondWait)) return r;
   return real(c, m);
 }
 
 int pthread_cond_timedwait(pthread_cond_t* c, pthread_mutex_t* m, const timespec* t) {
-  static auto real = next<int (*)(pthread_cond_t*, pthread_mutex_t*, const timespec*)>(
+  static auto real = nextSymbol<int (*)(pthread_cond_t*, pthread_mutex_t*, const timespec*)>(
       "pthread_cond_timedwait");
-  if (const int r = take(failCondTimedwait)) return r;
+  if (const int r = takeArmed(failCondTimedwait)) return r;
   return real(c, m, t);
 }
 

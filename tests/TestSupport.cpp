@@ -141,6 +141,15 @@ std::string assertionLine(const std::string& file, int line, const std::string& 
          ": " + function + ": Assertion `" + expression + "' failed.\n";
 }
 
+void expectAssertion(const std::function<void()>& fn, const std::string& file, int line,
+                     const std::string& function, const std::string& expression) {
+  const ChildResult r = runInChild(fn);
+  ASSERT_TRUE(r.signaled()) << r.describe();
+  EXPECT_EQ(r.signal(), SIGABRT);
+  EXPECT_EQ(r.err, assertionLine(file, line, function, expression));
+  EXPECT_EQ(r.out, "");
+}
+
 std::string errorText(int err) {
   char buffer[256];
   return strerror_r(err, buffer, sizeof buffer);

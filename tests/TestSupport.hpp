@@ -7,6 +7,7 @@
 // CaptureFd captures one of the process's own descriptors (1 or 2) in-process.
 #pragma once
 
+#include <dlfcn.h>
 #include <sys/types.h>
 
 #include <gtest/gtest.h>
@@ -66,6 +67,24 @@ class CaptureFd {
   bool stopped_ = false;
   std::string captured_;
 };
+
+// Runs fn in a child and expects it to fail exactly the given assertion and abort, with nothing
+// else on standard error and nothing on standard output.
+void expectAssertion(const std::function<void()>& fn, const std::string& file, int line,
+                     const std::string& function, const std::string& expression);
+
+// For test programs that interpose a system call: returns the armed result once and disarms.
+inline int takeArmed(int& armed) {
+  const int result = armed;
+  armed = 0;
+  return result;
+}
+
+// The next definition of name after the test program's own (the real system call).
+template <class F>
+F nextSymbol(const char* name) {
+  return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
+}
 
 // What a GeneralException prints on standard output when it is constructed, before its message.
 inline const std::string kWarn =

@@ -38,16 +38,8 @@ thread_local int fakeGotPolicy = -1;  // >= 0: what pthread_attr_getschedpolicy 
 thread_local int failGetschedpolicy = 0;
 thread_local int joinCalls = 0;
 
-int take(int& armed) {
-  const int r = armed;
-  armed = 0;
-  return r;
-}
-
-template <class F>
-F next(const char* name) {
-  return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
-}
+using orvix_test::nextSymbol;
+using orvix_test::takeArmed;
 
 }  // namespace
 
@@ -55,29 +47,29 @@ extern "C" {
 
 int pthread_create(pthread_t* t, const pthread_attr_t* a, void* (*f)(void*), void* arg) __THROWNL {
   static auto real =
-      next<int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)>("pthread_create");
-  if (const int r = take(failCreate)) return r;
+      nextSymbol<int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)>("pthread_create");
+  if (const int r = takeArmed(failCreate)) return r;
   return real(t, a, f, arg);
 }
 
 int pthread_cancel(pthread_t t) {
-  static auto real = next<int (*)(pthread_t)>("pthread_cancel");
-  if (const int r = take(failCancel)) return r;
+  static auto real = nextSymbol<int (*)(pthread_t)>("pthread_cancel");
+  if (const int r = takeArmed(failCancel)) return r;
   return real(t);
 }
 
 int pthread_join(pthread_t t, void** v) {
-  static auto real = next<int (*)(pthread_t, void**)>("pthread_join");
+  static auto real = nextSymbol<int (*)(pthread_t, void**)>("pthread_join");
   ++joinCalls;
-  if (const int r = take(failJoin)) return r;
+  if (const int r = takeArmed(failJoin)) return r;
   return real(t, v);
 }
 
 int pthread_attr_getschedpolicy(const pthread_attr_t* a, int* p) __THROW {
-  static auto real = next<int (*)(const pthread_attr_t*, int*)>("pthread_attr_getschedpolicy");
-  if (const int r = take(failGetschedpolicy)) return r;
+  static auto real = nextSymbol<int (*)(const pthread_attr_t*, int*)>("pthread_attr_getschedpolicy");
+  if (const int r = takeArmed(failGetschedpolicy)) return r;
   const int r = real(a, p);
-  if (fakeGotPolicy >= 0) *p = take(fakeGotPolicy);
+  if (fakeGotPolicy >= 0) *p = takeArmed(fakeGotPolicy);
   return r;
 }
 
