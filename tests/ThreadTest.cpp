@@ -168,13 +168,16 @@ TEST(Thread, CancelBeforeTheBodyBeginsSkipsIt) {
 
 TEST(Thread, CancelWhileRunning) {
   std::atomic<bool> running{false};
+  std::atomic<bool> mayStop{false};
   std::atomic<bool> pastLoop{false};
   TestThread t("looper", [&] {
     running = true;
     // pthread_testcancel is the cancellation point; the thread sanitizer loses track of locks
     // taken after a cancellation inside one of its intercepted blocking calls such as usleep.
+    // The body reaches it only once the test has seen TS_CANCELLED, so the thread cannot end
+    // first on a loaded machine.
     for (;;) {
-      pthread_testcancel();
+      if (mayStop) pthread_testcancel();
       sched_yield();
     }
     pastLoop = true;
@@ -183,6 +186,7 @@ TEST(Thread, CancelWhileRunning) {
   while (!running) sched_yield();
   t.cancel();
   EXPECT_EQ(t.getState(), util::TS_CANCELLED);
+  mayStop = true;
   t.join();
   EXPECT_EQ(t.getState(), util::TS_FINISHED);
   EXPECT_FALSE(pastLoop);
