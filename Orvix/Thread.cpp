@@ -15,6 +15,10 @@
 
 namespace util {
 
+namespace {
+const char kFile[] = "Orvix/Thread";
+}  // namespace
+
 ThreadInternals::ThreadInternals(Thread* owner, const std::string& name)
     : state(TS_NEW), name(name), thread(0), owner(owner) {}
 
@@ -113,21 +117,20 @@ void Thread::start(int stackSize, int priority, int policy) {
       const int schedPolicy = policy;
       pthread_attr_setinheritsched(&attributes, PTHREAD_EXPLICIT_SCHED);
       int result = pthread_attr_setschedpolicy(&attributes, schedPolicy);
-      ORVIX_ASSERT(!result, "!result", "Orvix/Thread", __LINE__);
+      ORVIX_ASSERT(!result, "!result", kFile, __LINE__);
       int checkPolicy = -1;
       result = pthread_attr_getschedpolicy(&attributes, &checkPolicy);
-      ORVIX_ASSERT(!result, "!result", "Orvix/Thread", __LINE__);
-      ORVIX_ASSERT(checkPolicy == schedPolicy, "checkPolicy == schedPolicy", "Orvix/Thread",
-                   __LINE__);
+      ORVIX_ASSERT(!result, "!result", kFile, __LINE__);
+      ORVIX_ASSERT(checkPolicy == schedPolicy, "checkPolicy == schedPolicy", kFile, __LINE__);
       sched_param param{};
       param.sched_priority = priority;
       result = pthread_attr_setschedparam(&attributes, &param);
-      ORVIX_ASSERT(!result, "!result", "Orvix/Thread", __LINE__);
+      ORVIX_ASSERT(!result, "!result", kFile, __LINE__);
     }
     internals.state = TS_STARTING;
     used = &attributes;
   }
-  ORVIX_ASSERT(gl_threadKey.valid, "keyCreated", "Orvix/Thread", __LINE__);
+  ORVIX_ASSERT(gl_threadKey.valid, "keyCreated", kFile, __LINE__);
   const int result = pthread_create(&internals.thread, used, pthreadFunc, &internals);
   if (used != nullptr) pthread_attr_destroy(used);
   if (result != 0) {

@@ -200,13 +200,5 @@ bool canUseRealtime(std::string* reason) {
   return true;
 }
 
-bool underEmulator() {
-#if defined(__arm__)
-  // The armhf build runs under qemu-arm on the development machines and in CI.
-  return true;
-#else
-  return false;
-#endif
-}
 
 }  // namespace orvix_test

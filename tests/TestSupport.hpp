@@ -107,7 +107,4 @@ void expectGeneralException(F fn, const std::string& msg) {
 // True when the process may use SCHED_FIFO; otherwise reason says why not.
 bool canUseRealtime(std::string* reason);
 
-// True when this build runs under an emulator (qemu-user); such differences are the emulator's.
-bool underEmulator();
-
 }  // namespace orvix_test
