@@ -24,6 +24,5 @@
 #include "Orvix/Startup.hpp"
 #include "Orvix/TestUtil.hpp"
 #include "Orvix/Thread.hpp"
-#include "Orvix/ThreadKey.hpp"
 #include "Orvix/ThreadSafeStream.hpp"
 #include "Orvix/TimeSpec.hpp"

@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "Orvix/GeneralException.hpp"
-#include "Orvix/ThreadKey.hpp"
+#include "Orvix/internal/ThreadKey.hpp"
 #include "TestSupport.hpp"
 
 using orvix_test::CaptureFd;
