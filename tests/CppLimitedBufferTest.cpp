@@ -23,7 +23,7 @@ using util::LimitedBuffer;
 
 namespace {
 
-const char* kUnit = "Orvix/CppLimitedBuffer";
+constexpr const char* kUnit = "Orvix/CppLimitedBuffer";
 const std::string kHeader = "\n\n======== LIMITED BUFFER CONTENT ========\n\n";
 const std::string kFooter = "\n==============\n\n";
 

@@ -17,7 +17,7 @@ using util::LimitedStateValueBuffer;
 
 namespace {
 
-const char* kUnit = "Orvix/CppLimitedStateValueBuffer";
+constexpr const char* kUnit = "Orvix/CppLimitedStateValueBuffer";
 
 // Runs fn in a child and expects exactly the given assertion failure of this unit.
 void expectAssertion(const std::function<void()>& fn, int line, const std::string& function,

@@ -25,7 +25,7 @@ using orvix_test::runInChild;
 
 namespace {
 
-const char* kUnit = "Orvix/CppSync2Intern";
+constexpr const char* kUnit = "Orvix/CppSync2Intern";
 
 struct Item : Element {
   explicit Item(Pool* p, int id) : Element(p), id(id) {}
