@@ -37,8 +37,6 @@ endif()
 file(GLOB_RECURSE headers RELATIVE ${include} ${include}/*.hpp ${include}/*.h)
 list(SORT headers)
 file(READ ${include}/Orvix/Orvix.hpp umbrella)
-set(scratch ${PREFIX}/header-check)
-file(MAKE_DIRECTORY ${scratch})
 set(failed "")
 foreach(header ${headers})
   if(header MATCHES "^Orvix/" AND NOT header STREQUAL "Orvix/Orvix.hpp")
@@ -47,11 +45,12 @@ foreach(header ${headers})
       list(APPEND failed "${header} (not in Orvix/Orvix.hpp)")
     endif()
   endif()
-  string(MAKE_C_IDENTIFIER ${header} stem)
-  set(source ${scratch}/${stem}.cpp)
-  file(WRITE ${source} "#include \"${header}\"\n")
+  # An empty translation unit that includes just this header, resolved from the prefix (the
+  # compiler looks for -include files in its working folder first).
   execute_process(
-    COMMAND ${COMPILER} ${FLAGS} -fsyntax-only -I${include} -I${include}/platform ${source}
+    COMMAND ${COMPILER} ${FLAGS} -fsyntax-only -I${include} -I${include}/platform
+      -x c++ -include ${header} /dev/null
+    WORKING_DIRECTORY ${include}
     RESULT_VARIABLE result OUTPUT_VARIABLE out ERROR_VARIABLE out)
   if(result EQUAL 0)
     message(STATUS "stands alone: ${header}")
