@@ -18,11 +18,15 @@ namespace coredump {
 
 // Raises RLIMIT_CORE (soft and hard) to unlimited for the calling process and prints
 // "rlim_max=-1". A failure is reported by perror ("Could not get RLIMIT_CORE\n",
-// "Could not set RLIMIT_CORE\n") and ends the process with exit(1).
+// "Could not set RLIMIT_CORE\n") and ends the process with exit(1); raising a finite hard limit
+// needs CAP_SYS_RESOURCE.
 void prepare();
 
-// Dumps core into "/data/coreDumps/" followed by subdir (made if needed; null means none), which
-// should end in "/". Returns at once.
+// Dumps core into "/data/coreDumps/" followed by subdir (null means none), which should end in
+// "/". The directory is made with "mkdir -p <directory>" through the shell, so subdir holds no
+// blanks or shell characters. The child prints prepare's line ("rlim_max=-1"); when it cannot
+// raise its limit it prints prepare's error and ends with status 1 (through _exit: the parent's
+// exit handlers are not the child's to run). Returns at once.
 void run(const char* subdir);
 
 }  // namespace coredump
