@@ -4,10 +4,10 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/capability.h>
-#include <sys/syscall.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -25,8 +25,8 @@
 #include <vector>
 
 #include "EasyAsync.hpp"
-#include "ZuLog.h"
 #include "TestSupport.hpp"
+#include "ZuLog.h"
 
 using orvix_test::runInChild;
 
