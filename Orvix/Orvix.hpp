@@ -9,6 +9,7 @@
 #include "Orvix/CppLimitedStateValueBuffer.hpp"
 #include "Orvix/CppNonlockingPool.hpp"
 #include "Orvix/CppPthread.hpp"
+#include "Orvix/CppSocket.hpp"
 #include "Orvix/CppSync2Intern.hpp"
 #include "Orvix/CppSyncLockGroup.hpp"
 #include "Orvix/CppTimeCollector.hpp"
@@ -27,3 +28,4 @@
 #include "Orvix/ThreadKey.hpp"
 #include "Orvix/ThreadSafeStream.hpp"
 #include "Orvix/TimeSpec.hpp"
+#include "Orvix/sqlite3cpp.hpp"
