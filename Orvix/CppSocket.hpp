@@ -8,11 +8,13 @@
 // Threads: any number of threads may sit in accept() of one server while another closes it;
 // accept() looks at the server's closed flag at least once a second (select with a one-second
 // timeout), so close() returns within about a second after every pending accept has left with
-// "accept interrupted by close". An accepted socket holds its server alive and unregisters
-// from it when it closes; that unregistering takes no lock, so closing an accepted socket while
-// another thread accepts on the same server races on the server's list. A socket itself has no
-// lock: one thread uses it at a time. Socket::create serialises its host lookup, which uses the
-// process's one static result (gethostbyname).
+// "accept interrupted by close". With several accepting threads, one connection wakes every
+// select but only one thread gets it: the others wait inside accept() itself until the next
+// connection, and close() waits for them too. An accepted socket holds its server alive and
+// unregisters from it when it closes; that unregistering takes no lock, so closing an accepted
+// socket while another thread accepts on the same server races on the server's list. A socket
+// itself has no lock: one thread uses it at a time. Socket::create serialises its host lookup,
+// which uses the process's one static result (gethostbyname).
 //
 // Failures: every failure throws net::SocketException (no standard base class: catch it by its
 // own type). Its message is the failing step's text, completed with ": " and the description of

@@ -50,6 +50,7 @@ int failClose = 0;
 int unclosedFd = -1;  // the descriptor a failed close left open
 int failSelect = 0;
 int selectFindsNothing = 0;  // the next select reports one ready descriptor but sets none
+int selectFindsReady = 0;    // the next select reports the descriptor ready without waiting
 int failAccept = 0;
 
 // Reads before it writes: unarmed calls from many threads (the stress test) only read.
@@ -105,6 +106,7 @@ extern "C" int select(int n, fd_set* readfds, fd_set* writefds, fd_set* exceptfd
     FD_ZERO(readfds);
     return 1;
   }
+  if (takeIfArmed(selectFindsReady)) return 1;  // readfds holds just the one descriptor
   return real(n, readfds, writefds, exceptfds, timeout);
 }
 
@@ -227,7 +229,8 @@ bool waitForAccepting(ServerSocketImpl& server, int n) {
   return true;
 }
 
-// Whether a new connection to port is refused (nobody listens there any more).
+// Connects to port and hangs up at once; true when the connection is refused (nobody listens
+// there any more).
 bool connectionRefused(int port) {
   const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in a{};
@@ -702,8 +705,44 @@ TEST(CppSocketDeathTest, SelectReadyWithoutTheDescriptorAsserts) {
       "FD_ISSET(fd1, &readfds)");
 }
 
+// Several threads accept on one server; a connection wakes every select, one thread takes it
+// and the others go on into accept() itself, where they wait for the next connection. close()
+// waits for them too: it returns only after connections have come for every such thread.
+TEST(CppServerSocket, ThreadThatLostTheRaceForAConnectionHoldsCloseUntilTheNextOne) {
+  int port;
+  ServerSocket::Ptr server = openServer(&port);
+  ASSERT_TRUE(server);
+  selectFindsReady = 1;  // as if another thread had just taken the connection select saw
+  Socket::Ptr accepted;
+  std::thread acceptor([&] { accepted = server->accept(); });
+  ASSERT_TRUE(waitForAccepting(implOf(server), 1));
+
+  std::atomic<bool> closeReturned{false};
+  std::thread closer([&] {
+    server->close();
+    closeReturned = true;
+  });
+  // It cannot return before a connection comes, however long one waits; a second is plenty to
+  // see the closer has reached the wait.
+  std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+  EXPECT_FALSE(closeReturned.load());
+  EXPECT_TRUE(implOf(server).isClosed());
+  EXPECT_EQ(implOf(server).getAcceptCount(), 1);
+
+  Socket::Ptr client = Socket::create("127.0.0.1", port);
+  acceptor.join();
+  closer.join();
+  EXPECT_TRUE(closeReturned.load());
+  ASSERT_TRUE(accepted);
+  EXPECT_EQ(implOf(server).getFd(), -1);
+  client->close();
+  accepted->close();
+}
+
 // Many clients against one server with several accepting threads. Accepted sockets are closed
-// only after every accept has ended: their close() unregisters without the server's lock.
+// only after every accept has ended: their close() unregisters without the server's lock. A
+// thread that lost the race for the last connection waits in accept() itself (see above), so
+// while close() runs, empty connections come until it returns.
 TEST(CppServerSocket, ManyClientsAgainstSeveralAcceptingThreads) {
   constexpr int kAcceptors = 4;
   constexpr int kClientThreads = 4;
@@ -714,18 +753,27 @@ TEST(CppServerSocket, ManyClientsAgainstSeveralAcceptingThreads) {
 
   std::vector<std::vector<Socket::Ptr>> accepted(kAcceptors);
   std::vector<std::string> endTexts(kAcceptors);
+  std::vector<int> echoed(kAcceptors, 0);
   std::atomic<int> echoFailures{0};
   std::vector<std::thread> acceptors;
   for (int a = 0; a < kAcceptors; ++a) {
     acceptors.emplace_back([&, a] {
-      try {
-        for (;;) {
-          Socket::Ptr s = server->accept();
-          accepted[static_cast<std::size_t>(a)].push_back(s);
-          s->write(s->read());
+      const auto i = static_cast<std::size_t>(a);
+      for (;;) {
+        Socket::Ptr s;
+        try {
+          s = server->accept();
+        } catch (const SocketException& e) {
+          endTexts[i] = e.message;
+          return;
         }
-      } catch (const SocketException& e) {
-        endTexts[static_cast<std::size_t>(a)] = e.message;
+        accepted[i].push_back(s);
+        try {
+          s->write(s->read());
+          ++echoed[i];
+        } catch (const SocketException&) {
+          // an empty connection sent while closing
+        }
       }
     });
   }
@@ -746,16 +794,37 @@ TEST(CppServerSocket, ManyClientsAgainstSeveralAcceptingThreads) {
     });
   }
   for (auto& t : clients) t.join();
-  server->close();
+
+  std::atomic<bool> closed{false};
+  std::thread closer([&] {
+    server->close();
+    closed = true;
+  });
+  int emptyConnections = 0;
+  while (!closed) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    if (closed || emptyConnections >= 100) break;
+    // An empty connection: connected (into the backlog) and hung up at once; refused once the
+    // server has closed its descriptor.
+    if (connectionRefused(port)) break;
+    ++emptyConnections;
+  }
+  closer.join();
   for (auto& t : acceptors) t.join();
 
   EXPECT_EQ(echoFailures.load(), 0);
+  int echoedTotal = 0;
   std::size_t total = 0;
-  for (int a = 0; a < kAcceptors; ++a) {
-    EXPECT_EQ(endTexts[static_cast<std::size_t>(a)], "accept interrupted by close");
-    total += accepted[static_cast<std::size_t>(a)].size();
+  for (std::size_t a = 0; a < kAcceptors; ++a) {
+    // A thread that took an empty connection comes back after close() has finished.
+    EXPECT_TRUE(endTexts[a] == "accept interrupted by close" ||
+                endTexts[a] == "accept when server socket is not open!")
+        << endTexts[a];
+    echoedTotal += echoed[a];
+    total += accepted[a].size();
   }
-  EXPECT_EQ(total, static_cast<std::size_t>(kClientThreads * kClientsEach));
+  EXPECT_EQ(echoedTotal, kClientThreads * kClientsEach);
+  EXPECT_LE(emptyConnections, kAcceptors);
   EXPECT_EQ(implOf(server).getSocketCount(), total);
   for (auto& list : accepted)
     for (auto& s : list) s->close();
