@@ -354,7 +354,7 @@ TEST(CppSocket, FailingWriteIsWriteFiledWithTheErrorText) {
   EXPECT_EQ(r.err, "");
 }
 
-TEST(CppSocket, PeerResetFailsReadThenShutdownKeepsTheDescriptorAndDestructionEndsTheProcess) {
+TEST(CppSocketDeathTest, PeerResetFailsReadThenShutdownKeepsTheDescriptorAndDestructionEnds) {
   const ChildResult r = runInChild([] {
     RawListener l;
     Socket::Ptr s = Socket::create("127.0.0.1", l.port);
