@@ -12,6 +12,7 @@
 #include "Orvix/CppNonlockingPool.hpp"
 #include "Orvix/CppPthread.hpp"
 #include "Orvix/CppRemovePathDots.hpp"
+#include "Orvix/CppSocket.hpp"
 #include "Orvix/CppSync2Intern.hpp"
 #include "Orvix/CppSyncLockGroup.hpp"
 #include "Orvix/CppTimeCollector.hpp"
@@ -31,6 +32,7 @@
 #include "Orvix/Thread.hpp"
 #include "Orvix/ThreadSafeStream.hpp"
 #include "Orvix/TimeSpec.hpp"
+#include "Orvix/sqlite3cpp.hpp"
 
 #include "zufs/Drive.hpp"
 #include "zufs/DriveVm.hpp"
