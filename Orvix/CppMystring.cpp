@@ -5,6 +5,7 @@
 #include <cctype>
 #include <clocale>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
@@ -19,6 +20,27 @@
 namespace {
 
 constexpr const char* kUnit = "Orvix/CppMystring";
+
+// The UTF-8 length of wide, counting every character as encodable. Only a capacity hint:
+// growing the target step by step while converting costs more than the conversion calls
+// themselves once the text is large.
+std::size_t utf8Length(const std::wstring& wide) {
+  std::size_t length = 0;
+  for (const wchar_t wc : wide) {
+    const auto c = static_cast<uint32_t>(wc);
+    length += c < 0x80 ? 1 : c < 0x800 ? 2 : c < 0x10000 ? 3 : 4;
+  }
+  return length;
+}
+
+// The number of characters of text if it is UTF-8 (bytes that do not continue a character).
+// A capacity hint like utf8Length.
+std::size_t utf8CharCount(const char* begin, const char* end) {
+  std::size_t count = 0;
+  for (const char* p = begin; p != end; ++p)
+    count += (static_cast<unsigned char>(*p) & 0xC0) != 0x80;
+  return count;
+}
 
 // Converted characters are gathered here and appended to the target in blocks: one append per
 // character would cost about as much as the conversion call itself.
@@ -80,6 +102,7 @@ mystring& mystring::operator=(const mywstring& wide) {
   std::memset(&state, 0, sizeof state);
   const std::size_t mbCurMax = MB_CUR_MAX;
   char* const scratch = static_cast<char*>(alloca(mbCurMax));
+  reserve(utf8Length(wide));
   char block[kBlock];
   std::size_t filled = 0;
   for (const wchar_t wc : wide) {
@@ -187,6 +210,7 @@ mywstring& mywstring::operator=(const mystring& text) {
   ptrdiff_t sourceAvailable = static_cast<ptrdiff_t>(text.size());
   const char* const sourceEnd = sourceBegin + sourceAvailable;
   const ptrdiff_t mbCurMax = static_cast<ptrdiff_t>(MB_CUR_MAX);
+  reserve(utf8CharCount(start, sourceEnd));
   wchar_t block[kBlock];
   std::size_t filled = 0;
   while (sourceAvailable > 0) {
