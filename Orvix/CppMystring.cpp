@@ -42,6 +42,18 @@ std::size_t utf8CharCount(const char* begin, const char* end) {
   return count;
 }
 
+// Copies the n bytes of one multibyte character (one to four in UTF-8) without a library call,
+// which would cost more than the copy.
+inline void copyCharacter(char* to, const char* from, ptrdiff_t n) {
+  switch (n) {
+    case 4: to[3] = from[3]; [[fallthrough]];
+    case 3: to[2] = from[2]; [[fallthrough]];
+    case 2: to[1] = from[1]; [[fallthrough]];
+    case 1: to[0] = from[0]; break;
+    default: std::memcpy(to, from, static_cast<std::size_t>(n));
+  }
+}
+
 // Converted characters are gathered here and appended to the target in blocks: one append per
 // character would cost about as much as the conversion call itself.
 constexpr std::size_t kBlock = 256;
@@ -112,7 +124,7 @@ mystring& mystring::operator=(const mywstring& wide) {
       append(block, filled);
       filled = 0;
     }
-    std::memcpy(block + filled, scratch, static_cast<std::size_t>(n));
+    copyCharacter(block + filled, scratch, n);
     filled += static_cast<std::size_t>(n);
   }
   append(block, filled);
