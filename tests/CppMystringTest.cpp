@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <clocale>
 #include <cstddef>
 #include <cstdlib>
@@ -107,18 +108,19 @@ int lineOf(const std::string& expr) {
   std::string text;
   int line = 0;
   int found = 0;
-  int result = -1;
+  int reported = 0;
+  bool inCall = false;  // between the quoted text and its __LINE__
   while (std::getline(source, text)) {
     ++line;
-    if (text.find(quoted) != std::string::npos) {
-      ++found;
-      if (found == 1) result = 0;
+    if (text.find(quoted) != std::string::npos) inCall = ++found == 1;
+    if (inCall && text.find("__LINE__") != std::string::npos) {
+      reported = line;
+      inCall = false;
     }
-    if (result == 0 && text.find("__LINE__") != std::string::npos) result = line;
   }
   EXPECT_EQ(found, 1) << quoted;
-  EXPECT_GT(result, 0) << "no __LINE__ after " << quoted;
-  return result;
+  EXPECT_GT(reported, 0) << "no __LINE__ after " << quoted;
+  return reported;
 }
 
 std::string assertionIn(const char* function, const std::string& expr) {
