@@ -33,12 +33,19 @@ std::size_t utf8Length(const std::wstring& wide) {
   return length;
 }
 
-// The number of characters of text if it is UTF-8 (bytes that do not continue a character).
-// A capacity hint like utf8Length.
-std::size_t utf8CharCount(const char* begin, const char* end) {
+// The number of characters of text if it is UTF-8: the bytes that do not continue a character
+// (10xxxxxx). A capacity hint like utf8Length; counted a machine word at a time, since a byte
+// loop costs a noticeable part of the conversion itself.
+std::size_t utf8CharCount(const char* p, const char* end) {
+  constexpr std::size_t kLow = ~std::size_t{0} / 0xFF;  // 0x01 in every byte
   std::size_t count = 0;
-  for (const char* p = begin; p != end; ++p)
-    count += (static_cast<unsigned char>(*p) & 0xC0) != 0x80;
+  for (; end - p >= static_cast<ptrdiff_t>(sizeof(std::size_t)); p += sizeof(std::size_t)) {
+    std::size_t w;
+    std::memcpy(&w, p, sizeof w);
+    const std::size_t starts = ~((w >> 7) & ~(w >> 6)) & kLow;  // 1 where a byte starts one
+    count += (starts * kLow) >> (8 * (sizeof w - 1));             // the sum of the lanes
+  }
+  for (; p != end; ++p) count += (static_cast<unsigned char>(*p) & 0xC0) != 0x80;
   return count;
 }
 

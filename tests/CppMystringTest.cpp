@@ -744,6 +744,29 @@ TEST(MystringConversion, EveryScalarValueRoundTripsUnderCUtf8) {
   EXPECT_EQ(nul, std::string(1, '\0'));
 }
 
+// The target gets its whole capacity before the first character (the standard library here
+// allocates exactly what is reserved): the character count of the UTF-8 text, a word at a time
+// with a byte tail, and the UTF-8 length of the wide text, whatever the alignment.
+TEST(MystringConversion, TargetIsSizedOnceUpFront) {
+  ScopedLocale utf8Locale("C.UTF-8");
+  const unsigned long kCycle[] = {'a', 0xE4, 0x20AC, 0x1F600, 'b', 0x3B1, 0x65E5};
+  for (std::size_t length = 64; length < 64 + 24; ++length) {
+    std::wstring cps;
+    std::string bytes;
+    for (std::size_t i = 0; i < length; ++i) {
+      const unsigned long cp = kCycle[(i * 5 + length) % 7];
+      cps += static_cast<wchar_t>(cp);
+      bytes += utf8(cp);
+    }
+    const mywstring w{mystring(bytes)};
+    EXPECT_EQ(w, cps);
+    EXPECT_EQ(w.capacity(), w.size()) << length;
+    const mystring m(w);
+    EXPECT_EQ(m, bytes);
+    EXPECT_EQ(m.capacity(), m.size()) << length;
+  }
+}
+
 TEST(MystringConversion, TheReferenceEncoderItself) {
   EXPECT_EQ(utf8(0x41), "A");
   EXPECT_EQ(utf8(0xE4), "\xc3\xa4");
