@@ -9,6 +9,7 @@
 #include "Orvix/CppFastAllocator.hpp"
 #include "Orvix/CppLimitedBuffer.hpp"
 #include "Orvix/CppLimitedStateValueBuffer.hpp"
+#include "Orvix/CppMystring.hpp"
 #include "Orvix/CppNonlockingPool.hpp"
 #include "Orvix/CppPthread.hpp"
 #include "Orvix/CppRemovePathDots.hpp"
