@@ -16,7 +16,8 @@ constexpr const char* kUnit = "Orvix/CppBitStream";
 
 // Reads over a byte source, least significant bit first; a byte is fetched only when a read
 // needs one of its bits. Derived virtually: the factory hands out the BitInputStream part.
-class __attribute__((visibility("hidden"))) BitInputStreamImpl final : public virtual BitInputStream {
+class __attribute__((visibility("hidden"))) BitInputStreamImpl final
+    : public virtual BitInputStream {
  public:
   explicit BitInputStreamImpl(IByteInputStream& in) : in(in) {}
   BitInputStreamImpl(const BitInputStreamImpl&) = delete;
@@ -110,8 +111,7 @@ bool BitInputStreamImpl::read() {
 void BitOutputStreamImpl::write(int lowBitIdx, int numBits, uint32_t value) {
   if (bitIdx == 32) flush();
   // One unsigned comparison, so a negative count left by flush() fails it too.
-  ORVIX_ASSERT(static_cast<unsigned int>(bitIdx) < 32u, "bitIdx >= 0 && bitIdx < 32", kUnit,
-               __LINE__);
+  ORVIX_ASSERT(static_cast<unsigned>(bitIdx) < 32u, "bitIdx >= 0 && bitIdx < 32", kUnit, __LINE__);
   const int free = 32 - bitIdx;
   int n = numBits;
   int newBitIdx = 0;

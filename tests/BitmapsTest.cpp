@@ -359,32 +359,37 @@ TEST(BitmapDeathTest, InsertChecksTheClipFields) {
 
 // ---- insert against the models --------------------------------------------------------------
 
-TEST(BitmapInsertDifferential, EveryOffsetPairAndWidthUpTo80) {
-  std::mt19937 rng(0x1B17);
-  for (int srcX = 0; srcX < 16; ++srcX) {
-    for (int dstX = 0; dstX < 16; ++dstX) {
-      for (int w = 1; w <= 80; ++w) {
-        Image src(104, 3, 15, rng);
-        Image dst(104, 4, 14, rng);
-        ASSERT_NO_FATAL_FAILURE(checkInsert(dst, dst.view(), src, srcX, 1, w, 2, dstX, 1, true,
-                                            describe(srcX, 1, w, 2, dstX, 1)));
+namespace {
+
+// Every source offset from firstSrcX, every destination offset below offsets and every width up
+// to maxWidth, two rows, in images of width pixels with fresh random contents each time.
+void sweep(int firstSrcX, int offsets, int maxWidth, int width, bool alsoByteModel,
+           uint32_t seed) {
+  std::mt19937 rng(seed);
+  const int bpr = (width + 7) / 8;
+  for (int srcX = firstSrcX; srcX < firstSrcX + offsets; ++srcX) {
+    for (int dstX = 0; dstX < offsets; ++dstX) {
+      for (int w = 1; w <= maxWidth; ++w) {
+        Image src(width, 3, bpr + 2, rng);
+        Image dst(width, 4, bpr + 1, rng);
+        ASSERT_NO_FATAL_FAILURE(checkInsert(dst, dst.view(), src, srcX, 1, w, 2, dstX, 1,
+                                            alsoByteModel, describe(srcX, 1, w, 2, dstX, 1)));
       }
     }
   }
 }
 
+}  // namespace
+
+// Source and destination offsets 0..15 (both bit offsets and the first byte) and widths 1..80,
+// also checking the byte-wise rules against the pixel model.
+TEST(BitmapInsertDifferential, EveryOffsetPairAndWidthUpTo80) {
+  sweep(0, 16, 80, 104, true, 0x1B17);
+}
+
+// Rows long enough for the vector loop with every remainder at its end.
 TEST(BitmapInsertDifferential, EveryBitOffsetPairAndWidthUpTo300) {
-  std::mt19937 rng(0x3007);
-  for (int srcX = 0; srcX < 8; ++srcX) {
-    for (int dstX = 0; dstX < 8; ++dstX) {
-      for (int w = 1; w <= 300; ++w) {
-        Image src(320, 2, 40, rng);
-        Image dst(320, 2, 41, rng);
-        ASSERT_NO_FATAL_FAILURE(checkInsert(dst, dst.view(), src, srcX + 8, 0, w, 2, dstX, 0,
-                                            false, describe(srcX + 8, 0, w, 2, dstX, 0)));
-      }
-    }
-  }
+  sweep(8, 8, 300, 320, false, 0x3007);
 }
 
 TEST(BitmapInsertDifferential, RandomGeometriesClipsAndOrigins) {

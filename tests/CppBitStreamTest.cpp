@@ -18,10 +18,10 @@ namespace {
 
 const char* kUnit = "Orvix/CppBitStream";
 // Lines of the checks in Orvix/CppBitStream.cpp.
-constexpr int kNormalizeLine = 62;
-constexpr int kReadCountLine = 70;
-constexpr int kReadDoneBitsLine = 71;
-constexpr int kAppendDoneBitsLine = 97;
+constexpr int kNormalizeLine = 63;
+constexpr int kReadCountLine = 71;
+constexpr int kReadDoneBitsLine = 72;
+constexpr int kAppendDoneBitsLine = 98;
 constexpr int kWriteBitIdxLine = 114;
 // Line of the check of bits() in Orvix/CppBits.hpp.
 constexpr int kBitsLine = 22;
