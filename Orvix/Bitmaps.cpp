@@ -1,11 +1,13 @@
 #include "Orvix/Bitmaps.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
 #include "Orvix/OrvixAssert.hpp"
+#include "Orvix/internal/BitmapsKernels.hpp"
 
 namespace {
 
@@ -164,26 +166,9 @@ static void orRowBitSegments(const uint8_t* s, int srcBitOffset, uint8_t* d, int
 namespace {
 
 // ---- the fast rectangle copy ----------------------------------------------------------------
-// Destination byte i of a row takes source byte j = i + qoff shifted left by sh, ORed with byte
-// j + 1 shifted right by 8 - sh; qoff and sh are the same for every byte and every row. Bytes 1
-// .. last - 1 of a destination row lie wholly inside the rectangle and go in 16-byte vectors or
-// machine words with no test per pixel; bytes 0 and last are masked. Source bytes are read only
-// where they hold pixels of the rectangle.
 
 // Machine word of the target: 64 bits on x86-64, 32 on the controller.
 using Word = std::uintptr_t;
-
-template <class T>
-inline T load(const uint8_t* p) {
-  T v;
-  std::memcpy(&v, p, sizeof v);
-  return v;
-}
-
-template <class T>
-inline void store(uint8_t* p, T v) {
-  std::memcpy(p, &v, sizeof v);
-}
 
 inline Word byteSwap(Word w) {
   if constexpr (sizeof(Word) == 8)
@@ -200,28 +185,6 @@ inline Word msbFirst(Word w) {
   return w;
 #endif
 }
-
-// d[0 .. n) |= value(k) for chunks of sizeof(T) bytes at k, n >= sizeof(T). The first and the
-// last chunk are read before anything is written and stored after the rest, as the chunks in
-// between start at aligned addresses and may overlap them: overlapping bytes get the same value
-// twice, and no read waits for an overlapping store before it.
-template <class T, class Value>
-inline void orChunks(uint8_t* d, std::ptrdiff_t n, Value value) {
-  constexpr auto c = static_cast<std::ptrdiff_t>(sizeof(T));
-  const T head = load<T>(d) | value(0);
-  const T tail = load<T>(d + n - c) | value(n - c);
-  auto k = c - static_cast<std::ptrdiff_t>(reinterpret_cast<std::uintptr_t>(d) & (c - 1));
-  for (; k + c <= n; k += c) store(d + k, load<T>(d + k) | value(k));
-  store(d, head);
-  store(d + n - c, tail);
-}
-
-#if defined(__SSE2__) || defined(__ARM_NEON)
-#define ORVIX_BITMAP_VECTORS 1
-// Sixteen bytes as eight 16-bit lanes: lane shifts and masks give byte-wise shifts.
-typedef uint16_t Lanes __attribute__((vector_size(16)));
-constexpr std::ptrdiff_t kLanesBytes = 16;
-#endif
 
 // Shift amounts and masks of one insert, equal for all its rows.
 struct RowPlan {
@@ -248,75 +211,67 @@ struct RowPlan {
   unsigned lastMask;    // rectangle bits of destination byte last
   bool firstHasNext;    // byte 0 takes bits of source byte qoff + 1
   bool lastHasNext;     // byte last takes bits of source byte last + qoff + 1
-  uint16_t keepHigh;    // in both bytes of a lane: 0xFF << sh
-  uint16_t keepLow;     // in both bytes of a lane: 0xFF >> (8 - sh)
+  uint16_t keepHigh;    // in both bytes of a 16-bit lane: 0xFF << sh
+  uint16_t keepLow;     // in both bytes of a 16-bit lane: 0xFF >> (8 - sh)
 };
 
-// d[0 .. n) |= s[0 .. n).
-inline void orAligned(uint8_t* d, const uint8_t* s, std::ptrdiff_t n) {
-#ifdef ORVIX_BITMAP_VECTORS
-  if (n >= kLanesBytes) {
-    orChunks<Lanes>(d, n, [s](std::ptrdiff_t k) { return load<Lanes>(s + k); });
-    return;
-  }
+// The target's own vectors, else machine words.
+namespace portable {
+#if defined(__SSE2__) || defined(__ARM_NEON)
+typedef uint16_t Lanes16 __attribute__((vector_size(16)));
+#define ORVIX_ROW_LANES Lanes16
 #endif
-  if (n >= static_cast<std::ptrdiff_t>(sizeof(Word))) {
-    orChunks<Word>(d, n, [s](std::ptrdiff_t k) { return load<Word>(s + k); });
-    return;
-  }
-  for (std::ptrdiff_t k = 0; k < n; ++k) d[k] |= s[k];
-}
+#include "Orvix/internal/BitmapRows.inc"
+#undef ORVIX_ROW_LANES
+}  // namespace portable
 
-// d[k] |= (s[k] << sh) | (s[k + 1] >> (8 - sh)) for k in 0 .. n - 1, sh 1..7; reads s[0 .. n].
-inline void orShifted(uint8_t* d, const uint8_t* s, std::ptrdiff_t n, const RowPlan& p) {
-  const unsigned sh = p.sh;
-  const unsigned rsh = 8 - sh;
-#ifdef ORVIX_BITMAP_VECTORS
-  if (n >= kLanesBytes) {
-    // A lane shift carries bits into the other byte of the lane; the masks drop them again.
-    const Lanes high = Lanes{} + p.keepHigh;
-    const Lanes low = Lanes{} + p.keepLow;
-    orChunks<Lanes>(d, n, [=](std::ptrdiff_t k) {
-      return ((load<Lanes>(s + k) << sh) & high) | ((load<Lanes>(s + k + 1) >> rsh) & low);
-    });
-    return;
-  }
+#if defined(__x86_64__)
+#define ORVIX_ROWS_AVX2 1
+// The same loops with 32-byte vectors, compiled for processors with AVX2 and used only there.
+#pragma GCC push_options
+#pragma GCC target("avx2")
+namespace avx2 {
+typedef uint16_t Lanes32 __attribute__((vector_size(32)));
+#define ORVIX_ROW_LANES Lanes32
+#include "Orvix/internal/BitmapRows.inc"
+#undef ORVIX_ROW_LANES
+}  // namespace avx2
+#pragma GCC pop_options
 #endif
-  if (n >= static_cast<std::ptrdiff_t>(sizeof(Word))) {
-    orChunks<Word>(d, n, [=](std::ptrdiff_t k) {
-      return msbFirst((msbFirst(load<Word>(s + k)) << sh) |
-                      (msbFirst(load<Word>(s + k + 1)) >> rsh));
-    });
-    return;
-  }
-  for (std::ptrdiff_t k = 0; k < n; ++k)
-    d[k] |= static_cast<uint8_t>((s[k] << sh) | (s[k + 1] >> rsh));
+
+bool cpuHasAvx2() {
+#ifdef ORVIX_ROWS_AVX2
+  __builtin_cpu_init();
+  return __builtin_cpu_supports("avx2");
+#else
+  return false;
+#endif
 }
 
-// Source bits of destination byte i, unmasked, from byte j = i + qoff (where it exists) and,
-// if next, byte j + 1.
-inline unsigned edgeBits(const uint8_t* s, std::ptrdiff_t j, bool next, unsigned sh) {
-  unsigned v = j >= 0 ? static_cast<unsigned>(s[j]) << sh : 0u;
-  if (next) v |= static_cast<unsigned>(s[j + 1]) >> (8 - sh);
-  return v;
-}
-
-template <bool Shifted>
-void orRows(const RowPlan& p, const uint8_t* s, std::ptrdiff_t srcStride, uint8_t* d,
-            std::ptrdiff_t dstStride, int rows) {
-  for (int y = 0; y < rows; ++y, s += srcStride, d += dstStride) {
-    d[0] |= static_cast<uint8_t>(edgeBits(s, p.qoff, p.firstHasNext, p.sh) & p.firstMask);
-    if (p.last == 0) continue;
-    if (Shifted)
-      orShifted(d + 1, s + 1 + p.qoff, p.last - 1, p);
-    else
-      orAligned(d + 1, s + 1, p.last - 1);
-    d[p.last] |=
-        static_cast<uint8_t>(edgeBits(s, p.last + p.qoff, p.lastHasNext, p.sh) & p.lastMask);
-  }
-}
+// The kernel in use: the widest available once this unit is initialised, Portable (0) before.
+// Relaxed, as every kernel gives the same result.
+std::atomic<int> gl_rowKernel{static_cast<int>(cpuHasAvx2() ? bmp::internal::RowKernel::Avx2
+                                                             : bmp::internal::RowKernel::Portable)};
 
 }  // namespace
+
+namespace bmp {
+namespace internal {
+
+bool rowKernelAvailable(RowKernel k) { return k == RowKernel::Portable || cpuHasAvx2(); }
+
+RowKernel rowKernel() {
+  return static_cast<RowKernel>(gl_rowKernel.load(std::memory_order_relaxed));
+}
+
+bool setRowKernel(RowKernel k) {
+  if (!rowKernelAvailable(k)) return false;
+  gl_rowKernel.store(static_cast<int>(k), std::memory_order_relaxed);
+  return true;
+}
+
+}  // namespace internal
+}  // namespace bmp
 
 // rows rows of count pixels; s and d point at the bytes holding the first pixel of the first row.
 static void orRectangle(const uint8_t* s, std::ptrdiff_t srcStride, int srcBitOffset, uint8_t* d,
@@ -335,8 +290,11 @@ static void orRectangle(const uint8_t* s, std::ptrdiff_t srcStride, int srcBitOf
     return;
   }
   const RowPlan plan(srcBitOffset, dstBitOffset, count);
-  if (plan.sh == 0)
-    orRows<false>(plan, s, srcStride, d, dstStride, rows);
-  else
-    orRows<true>(plan, s, srcStride, d, dstStride, rows);
+#ifdef ORVIX_ROWS_AVX2
+  if (bmp::internal::rowKernel() == bmp::internal::RowKernel::Avx2) {
+    avx2::orRows(plan, s, srcStride, d, dstStride, rows);
+    return;
+  }
+#endif
+  portable::orRows(plan, s, srcStride, d, dstStride, rows);
 }

@@ -13,9 +13,11 @@
 #include <thread>
 #include <vector>
 
+#include "Orvix/internal/BitmapsKernels.hpp"
 #include "TestSupport.hpp"
 
 using bmp::Bitmap;
+using bmp::internal::RowKernel;
 
 namespace {
 
@@ -24,19 +26,19 @@ const char* kConstructor = "bmp::Bitmap::Bitmap(uint8_t*, int, int, int)";
 const char* kClip = "void bmp::Bitmap::clip(int, int, int, int)";
 const char* kInsert = "void bmp::Bitmap::insert(const bmp::Bitmap&, int, int, int, int, int, int)";
 // Lines of the checks in Orvix/Bitmaps.cpp.
-constexpr int kWidthLine = 32;
-constexpr int kHeightLine = 33;
-constexpr int kBytesPerRowLine = 35;
-constexpr int kClipXLine = 41;
-constexpr int kClipYLine = 42;
-constexpr int kClipWLine = 46;
-constexpr int kClipHLine = 49;
-constexpr int kInsertClipXMinLine = 99;
-constexpr int kInsertClipXMaxLine = 100;
-constexpr int kInsertClipYMinLine = 101;
-constexpr int kInsertClipYMaxLine = 102;
-constexpr int kInsertClipWLine = 103;
-constexpr int kInsertClipHLine = 104;
+constexpr int kWidthLine = 34;
+constexpr int kHeightLine = 35;
+constexpr int kBytesPerRowLine = 37;
+constexpr int kClipXLine = 43;
+constexpr int kClipYLine = 44;
+constexpr int kClipWLine = 48;
+constexpr int kClipHLine = 51;
+constexpr int kInsertClipXMinLine = 101;
+constexpr int kInsertClipXMaxLine = 102;
+constexpr int kInsertClipYMinLine = 103;
+constexpr int kInsertClipYMaxLine = 104;
+constexpr int kInsertClipWLine = 105;
+constexpr int kInsertClipHLine = 106;
 
 void expectAssertion(const std::function<void()>& fn, int line, const char* function,
                      const std::string& expr) {
@@ -357,19 +359,76 @@ TEST(BitmapDeathTest, InsertChecksTheClipFields) {
                   "clipY + clipH <= heightPixels");
 }
 
-// ---- insert against the models --------------------------------------------------------------
+// ---- the row kernels ----------------------------------------------------------------------
+
+TEST(BitmapRowKernel, TheWidestAvailableIsInUseAndOnlyAvailableOnesCanBeChosen) {
+  EXPECT_TRUE(bmp::internal::rowKernelAvailable(RowKernel::Portable));
+  const bool avx2 = bmp::internal::rowKernelAvailable(RowKernel::Avx2);
+  EXPECT_EQ(bmp::internal::rowKernel(), avx2 ? RowKernel::Avx2 : RowKernel::Portable);
+  EXPECT_TRUE(bmp::internal::setRowKernel(RowKernel::Portable));
+  EXPECT_EQ(bmp::internal::rowKernel(), RowKernel::Portable);
+  EXPECT_EQ(bmp::internal::setRowKernel(RowKernel::Avx2), avx2);
+  EXPECT_EQ(bmp::internal::rowKernel(), avx2 ? RowKernel::Avx2 : RowKernel::Portable);
+}
 
 namespace {
 
-// Every source offset from firstSrcX, every destination offset below offsets and every width up
-// to maxWidth, two rows, in images of width pixels with fresh random contents each time.
-void sweep(int firstSrcX, int offsets, int maxWidth, int width, bool alsoByteModel,
+// Runs a test once per row kernel, each that the processor has.
+class KernelTest : public ::testing::TestWithParam<RowKernel> {
+ protected:
+  void SetUp() override {
+    if (!bmp::internal::setRowKernel(GetParam()))
+      GTEST_SKIP() << "this processor cannot run the kernel";
+  }
+  void TearDown() override { bmp::internal::setRowKernel(before_); }
+
+ private:
+  const RowKernel before_ = bmp::internal::rowKernel();
+};
+
+}  // namespace
+
+namespace bmp {
+namespace internal {
+
+// For gtest's messages.
+void PrintTo(RowKernel k, std::ostream* os) { *os << (k == RowKernel::Avx2 ? "Avx2" : "Portable"); }
+
+}  // namespace internal
+}  // namespace bmp
+
+namespace {
+
+std::string kernelName(const ::testing::TestParamInfo<RowKernel>& info) {
+  return info.param == RowKernel::Avx2 ? "Avx2" : "Portable";
+}
+
+}  // namespace
+
+#define ORVIX_FOR_EACH_KERNEL(Suite)                                                   \
+  class Suite : public KernelTest {};                                                  \
+  INSTANTIATE_TEST_SUITE_P(Kernels, Suite,                                             \
+                           ::testing::Values(RowKernel::Portable, RowKernel::Avx2), \
+                           kernelName)
+
+// ---- insert against the models --------------------------------------------------------------
+
+ORVIX_FOR_EACH_KERNEL(BitmapInsertDifferential);
+ORVIX_FOR_EACH_KERNEL(BitmapInsertReads);
+ORVIX_FOR_EACH_KERNEL(BitmapInsertThreads);
+
+namespace {
+
+// Source offsets firstSrcX .. firstSrcX + offsets - 1, destination offsets 0 .. offsets - 1 and
+// widths minWidth .. maxWidth, two rows, in images of width pixels with fresh random contents
+// each time.
+void sweep(int firstSrcX, int offsets, int minWidth, int maxWidth, int width, bool alsoByteModel,
            uint32_t seed) {
   std::mt19937 rng(seed);
   const int bpr = (width + 7) / 8;
   for (int srcX = firstSrcX; srcX < firstSrcX + offsets; ++srcX) {
     for (int dstX = 0; dstX < offsets; ++dstX) {
-      for (int w = 1; w <= maxWidth; ++w) {
+      for (int w = minWidth; w <= maxWidth; ++w) {
         Image src(width, 3, bpr + 2, rng);
         Image dst(width, 4, bpr + 1, rng);
         ASSERT_NO_FATAL_FAILURE(checkInsert(dst, dst.view(), src, srcX, 1, w, 2, dstX, 1,
@@ -383,21 +442,25 @@ void sweep(int firstSrcX, int offsets, int maxWidth, int width, bool alsoByteMod
 
 // Source and destination offsets 0..15 (both bit offsets and the first byte) and widths 1..80,
 // also checking the byte-wise rules against the pixel model.
-TEST(BitmapInsertDifferential, EveryOffsetPairAndWidthUpTo80) {
-  sweep(0, 16, 80, 104, true, 0x1B17);
+TEST_P(BitmapInsertDifferential, EveryOffsetPairAndWidthUpTo80) {
+  sweep(0, 16, 1, 80, 104, true, 0x1B17);
 }
 
-// Rows long enough for the vector loop with every remainder at its end.
-TEST(BitmapInsertDifferential, EveryBitOffsetPairAndWidthUpTo300) {
-  sweep(8, 8, 300, 320, false, 0x3007);
+// Rows long enough for the vector loops, with every remainder at their end.
+TEST_P(BitmapInsertDifferential, EveryBitOffsetPairAndWidthUpTo300) {
+  sweep(8, 8, 81, 300, 320, false, 0x3007);
 }
 
-TEST(BitmapInsertDifferential, RandomGeometriesClipsAndOrigins) {
+TEST_P(BitmapInsertDifferential, LongRowsWithEveryRemainder) {
+  sweep(8, 3, 301, 620, 640, false, 0x0620);
+}
+
+TEST_P(BitmapInsertDifferential, RandomGeometriesClipsAndOrigins) {
   std::mt19937 rng(0xC11F);
   auto pick = [&rng](int lo, int hi) {  // lo..hi inclusive
     return lo + static_cast<int>(rng() % static_cast<unsigned>(hi - lo + 1));
   };
-  for (int round = 0; round < 4000; ++round) {
+  for (int round = 0; round < 20000; ++round) {
     const int sw = pick(1, 400), sh = pick(1, 6);
     const int dw = pick(1, 400), dh = pick(1, 6);
     Image src(sw, sh, (sw + 7) / 8 + pick(0, 3), rng);
@@ -421,7 +484,7 @@ TEST(BitmapInsertDifferential, RandomGeometriesClipsAndOrigins) {
 }
 
 // Source and destination in the same bytes: the result is that of the byte-wise order.
-TEST(BitmapInsertDifferential, OverlappingSourceAndDestinationFollowTheByteOrder) {
+TEST(BitmapInsertOverlap, SourceAndDestinationInTheSameBytesFollowTheByteOrder) {
   std::mt19937 rng(0x0E1A);
   auto pick = [&rng](int lo, int hi) {
     return lo + static_cast<int>(rng() % static_cast<unsigned>(hi - lo + 1));
@@ -491,7 +554,7 @@ void checkAgainstModel(const Bitmap& srcView, int srcX, int srcY, int srcW, int 
 }  // namespace
 
 // The last source row ends with the last byte of a page and the next page is inaccessible.
-TEST(BitmapInsertReads, SourceRowEndingAtAnInaccessiblePageIsReadToItsLastByteOnly) {
+TEST_P(BitmapInsertReads, SourceRowEndingAtAnInaccessiblePageIsReadToItsLastByteOnly) {
   Pages pages(2);
   ASSERT_TRUE(pages.ok());
   ASSERT_TRUE(pages.protect(1));
@@ -511,7 +574,7 @@ TEST(BitmapInsertReads, SourceRowEndingAtAnInaccessiblePageIsReadToItsLastByteOn
 }
 
 // The same for an image inserted into itself, which takes the byte-wise way.
-TEST(BitmapInsertReads, OverlappingInsertAtAnInaccessiblePageReadsToTheLastByteOnly) {
+TEST(BitmapInsertOverlap, InsertAtAnInaccessiblePageReadsToTheLastByteOnly) {
   Pages pages(2);
   ASSERT_TRUE(pages.ok());
   ASSERT_TRUE(pages.protect(1));
@@ -539,7 +602,7 @@ TEST(BitmapInsertReads, OverlappingInsertAtAnInaccessiblePageReadsToTheLastByteO
 
 // Every row between two inaccessible pages: no row is read before its first or after its last
 // byte.
-TEST(BitmapInsertReads, EveryRowIsReadInsideItsSpanOnly) {
+TEST_P(BitmapInsertReads, EveryRowIsReadInsideItsSpanOnly) {
   constexpr int kRows = 3;
   Pages pages(2 * kRows + 1);
   ASSERT_TRUE(pages.ok());
@@ -574,7 +637,7 @@ TEST(BitmapInsertReads, EveryRowIsReadInsideItsSpanOnly) {
 
 // Inserts into disjoint bytes of the same rows write only their own bytes, so they may run at
 // the same time (the thread sanitizer sees every byte written).
-TEST(BitmapInsert, InsertsIntoDisjointBytesOfOneImageRunTogether) {
+TEST_P(BitmapInsertThreads, InsertsIntoDisjointBytesOfOneImageRunTogether) {
   std::mt19937 rng(0x7A7A);
   Image src(256, 16, 32, rng);
   Image dst(256, 16, 32, rng);
