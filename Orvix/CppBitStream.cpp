@@ -1,9 +1,9 @@
 #include "Orvix/CppBitStream.hpp"
 
+#include <utility>
+
 #include "Orvix/CppBits.hpp"
 #include "Orvix/OrvixAssert.hpp"
-
-#include <utility>
 
 namespace {
 

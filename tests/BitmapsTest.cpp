@@ -391,25 +391,15 @@ class KernelTest : public ::testing::TestWithParam<RowKernel> {
 namespace bmp {
 namespace internal {
 
-// For gtest's messages.
+// The kernel's name in test names and messages.
 void PrintTo(RowKernel k, std::ostream* os) { *os << (k == RowKernel::Avx2 ? "Avx2" : "Portable"); }
 
 }  // namespace internal
 }  // namespace bmp
 
-namespace {
-
-std::string kernelName(const ::testing::TestParamInfo<RowKernel>& info) {
-  return info.param == RowKernel::Avx2 ? "Avx2" : "Portable";
-}
-
-}  // namespace
-
-#define ORVIX_FOR_EACH_KERNEL(Suite)                                                   \
-  class Suite : public KernelTest {};                                                  \
-  INSTANTIATE_TEST_SUITE_P(Kernels, Suite,                                             \
-                           ::testing::Values(RowKernel::Portable, RowKernel::Avx2), \
-                           kernelName)
+#define ORVIX_FOR_EACH_KERNEL(Suite)  \
+  class Suite : public KernelTest {}; \
+  INSTANTIATE_TEST_SUITE_P(Kernels, Suite, ::testing::Values(RowKernel::Portable, RowKernel::Avx2))
 
 // ---- insert against the models --------------------------------------------------------------
 
