@@ -1,7 +1,10 @@
 // Umbrella header: every public header of the library.
 #pragma once
 
+#include "Orvix/Bitmaps.hpp"
 #include "Orvix/CountingSemaphore.hpp"
+#include "Orvix/CppBitStream.hpp"
+#include "Orvix/CppBits.hpp"
 #include "Orvix/CppBlockingQueue.hpp"
 #include "Orvix/CppCapacityControl.hpp"
 #include "Orvix/CppCoreDump.hpp"
