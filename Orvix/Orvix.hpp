@@ -1,12 +1,14 @@
 // Umbrella header: every public header of the library.
 #pragma once
 
+#include "Orvix/BufferToFileThread.hpp"
 #include "Orvix/CountingSemaphore.hpp"
 #include "Orvix/CppBlockingQueue.hpp"
 #include "Orvix/CppCapacityControl.hpp"
 #include "Orvix/CppFastAllocator.hpp"
 #include "Orvix/CppLimitedBuffer.hpp"
 #include "Orvix/CppLimitedStateValueBuffer.hpp"
+#include "Orvix/CppLinuxTimer.hpp"
 #include "Orvix/CppNonlockingPool.hpp"
 #include "Orvix/CppPthread.hpp"
 #include "Orvix/CppSync2Intern.hpp"
@@ -17,8 +19,10 @@
 #include "Orvix/InitCondVar.hpp"
 #include "Orvix/Locale.hpp"
 #include "Orvix/LogGroups.hpp"
+#include "Orvix/NonLockingWaitThread.hpp"
 #include "Orvix/NotYetImplemented.hpp"
 #include "Orvix/OrvixAssert.hpp"
+#include "Orvix/PollingThread.hpp"
 #include "Orvix/RecursiveMutex.hpp"
 #include "Orvix/SafeLinuxCalls.hpp"
 #include "Orvix/Startup.hpp"
@@ -27,3 +31,4 @@
 #include "Orvix/ThreadKey.hpp"
 #include "Orvix/ThreadSafeStream.hpp"
 #include "Orvix/TimeSpec.hpp"
+#include "Orvix/WaitThread.hpp"

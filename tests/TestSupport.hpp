@@ -86,6 +86,12 @@ F nextSymbol(const char* name) {
   return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
 }
 
+// The same for a symbol glibc keeps in several versions: the definition of exactly that version.
+template <class F>
+F nextSymbol(const char* name, const char* version) {
+  return reinterpret_cast<F>(dlvsym(RTLD_NEXT, name, version));
+}
+
 // What a GeneralException prints on standard output when it is constructed, before its message.
 inline const std::string kWarn =
     "[WARN Orvix/GeneralException:65]    Constructing GeneralException with msg ";
