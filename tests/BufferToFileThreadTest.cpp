@@ -13,7 +13,7 @@ TEST(BufferToFileThread, EveryOperationDoesNothing) {
   unsigned char buffer[16] = {1, 2, 3};
   unsigned char* begin = buffer + 1;
   unsigned char* end = buffer + 2;
-  const std::set<pid_t> before = orvix_test::threadIds();
+  const std::set<pid_t> before = orvix_test::threadIdsBeforeStarting();
   orvix_test::CaptureFd out(1);
   orvix_test::CaptureFd err(2);
   {

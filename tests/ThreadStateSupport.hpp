@@ -14,6 +14,7 @@
 #include <functional>
 #include <set>
 #include <string>
+#include <thread>
 
 namespace orvix_test {
 
@@ -29,6 +30,14 @@ inline std::set<pid_t> threadIds() {
     closedir(d);
   }
   return ids;
+}
+
+// The ids of all threads, taken after one thread has been started and joined: a sanitizer's
+// runtime starts a helper thread of its own at the first thread creation, and a comparison with
+// this set should show only the threads the test starts.
+inline std::set<pid_t> threadIdsBeforeStarting() {
+  std::thread([] {}).join();
+  return threadIds();
 }
 
 // The one thread in after that is not in before; 0 unless there is exactly one.
