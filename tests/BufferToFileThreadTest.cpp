@@ -19,7 +19,7 @@ TEST(BufferToFileThread, EveryOperationDoesNothing) {
   {
     orvix::BufferToFileThread t;
     t.start(3, group, buffer, sizeof buffer, begin, end);
-    EXPECT_EQ(orvix_test::threadIds(), before);  // no thread started
+    for (pid_t id : orvix_test::threadIds()) EXPECT_EQ(before.count(id), 1u);  // none started
     t.run();
     t.join();
   }

@@ -59,6 +59,10 @@ class Stepper : public NonLockingWaitThreadBase {
   }
 };
 
+bool threadGone(pid_t id) {
+  return waitUntil([id] { return threadIds().count(id) == 0; });
+}
+
 const char* kSigAltSched =
     "orvix::Pthread::Pthread(orvix::Pthread::AlternativeFunc, uint32_t, int, int)";
 const char* kSafePosix = "int util::safePosix(const char*, const char*, int, int)";
@@ -86,8 +90,9 @@ TEST(NonLockingWaitThread, StepRunsOnASchedFifoThreadOfTheRequestedPriority) {
   EXPECT_NE(worker, threadId());
   EXPECT_EQ(threadIds().count(worker), 1u);
   s.reset();
-  // The destructor returned with the thread gone.
-  EXPECT_EQ(threadIds().count(worker), 0u);
+  // The destructor returned after joining; the system lets go of the thread soon after (under
+  // an emulator a little later than the join).
+  EXPECT_TRUE(threadGone(worker));
 }
 
 TEST(NonLockingWaitThread, AnotherPriority) {
@@ -110,7 +115,7 @@ TEST(NonLockingWaitThread, StopThreadEndsTheLoopAndTheDestructorStaysQuiet) {
   ASSERT_TRUE(waitUntil([&] { return s.steps >= 1; }));
   const pid_t worker = s.thread;
   s.stopThread();
-  EXPECT_EQ(threadIds().count(worker), 0u);
+  EXPECT_TRUE(threadGone(worker));
 }
 
 TEST(NonLockingWaitThread, NeverStartedDestroysQuietly) {
