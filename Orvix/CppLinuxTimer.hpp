@@ -52,7 +52,9 @@ class LinuxTimer {
   static void notifyFunction(sigval value);
 
  private:
+  // Owner's thread only.
   timer_t timerId;
+  // Replaced by create() only; notification threads call it.
   std::function<void()> callback;
   // True between create() and cancelAndDelete(); read by notification threads.
   std::atomic<bool> created;
