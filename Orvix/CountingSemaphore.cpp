@@ -3,33 +3,52 @@
 #include <cerrno>
 #include <cstdlib>
 #include <iostream>
+#include <string>
 
 #include "Orvix/GeneralException.hpp"
 #include "Orvix/SafeLinuxCalls.hpp"
+#include "Orvix/internal/Config.hpp"
 
 namespace util {
 
 namespace {
 
 // The unit's name and the signatures its checked calls report.
-const char kFile[] = "Orvix/CountingSemaphore";
-const char kSigConstructor[] = "util::CountingSemaphore::CountingSemaphore(int)";
-const char kSigDestructor[] = "virtual util::CountingSemaphore::~CountingSemaphore()";
-const char kSigDoWait[] = "void util::CountingSemaphore::doWait(const util::TimeSpec*)";
-const char kSigPost[] = "void util::CountingSemaphore::post()";
-const char kSigGetValue[] = "int util::CountingSemaphore::getValue()";
+constexpr const char* kUnit = "Orvix/CountingSemaphore";
+constexpr const char* kSigConstructor = "util::CountingSemaphore::CountingSemaphore(int)";
+constexpr const char* kSigDestructor = "virtual util::CountingSemaphore::~CountingSemaphore()";
+constexpr const char* kSigDoWait = "void util::CountingSemaphore::doWait(const util::TimeSpec*)";
+constexpr const char* kSigPost = "void util::CountingSemaphore::post()";
+constexpr const char* kSigGetValue = "int util::CountingSemaphore::getValue()";
+
+// The entry check of wait and post on the state read under the mutex: once destruction has
+// begun the caller leaves with the exception; on a destroyed object the process ends. operation
+// is "wait" or "post". Returns true (go on) for an active semaphore.
+bool admit(int state, const char* operation) {
+  switch (state) {
+    case CountingSemaphore::CS_DELETING:
+      throw CountingSemaphoreDeletingException();
+    case CountingSemaphore::CS_DELETED:
+      // One piece, as the line has always been written to the unbuffered stream.
+      std::cerr << std::string("Illegal state CS_DELETED in CountingSemaphore::") + operation
+                << std::endl;
+      abort();
+    default:
+      return true;
+  }
+}
 
 }  // namespace
 
 // wait and post must still reach their CS_DELETED check when called on a destroyed object whose
 // memory is readable; the sanitizer's dynamic-type check would stop them first, so it is off for
 // exactly these entry points.
-#define ORVIX_CALLABLE_AFTER_DESTRUCTION __attribute__((no_sanitize("vptr")))
+#define ORVIX_CALLABLE_AFTER_DESTRUCTION ORVIX_NO_SANITIZE_VPTR
 
 CountingSemaphoreDeletingException::~CountingSemaphoreDeletingException() = default;
 
 CountingSemaphore::CountingSemaphore(int value) : state(CS_ACTIVE), waiters(0) {
-  safe(kSigConstructor, kFile, 32, sem_init(&sem, 0, static_cast<unsigned>(value)), true);
+  safe(kSigConstructor, kUnit, 32, sem_init(&sem, 0, static_cast<unsigned>(value)), true);
 }
 
 CountingSemaphore::~CountingSemaphore() {
@@ -40,7 +59,8 @@ CountingSemaphore::~CountingSemaphore() {
       // One unit per waiter; waiters cannot change meanwhile, the mutex is held.
       int posts = 0;
       do {
-        const int result = safe(kSigDestructor, kFile, 59, sem_post(&sem), true);
+        const int result = safe(kSigDestructor, kUnit, 59, sem_post(&sem), true);
+        // safe has dealt with -1; only a number outside the call's contract comes here.
         if (result != 0 && result != -1) {
           GeneralExceptionThrower t(result);
           t.handle(EINVAL, "EINVAL");
@@ -53,7 +73,7 @@ CountingSemaphore::~CountingSemaphore() {
     while (waiters > 0) lock.wait(cond);
     state = CS_DELETED;
   }
-  const int result = safe(kSigDestructor, kFile, 78, sem_destroy(&sem), true);
+  const int result = safe(kSigDestructor, kUnit, 78, sem_destroy(&sem), true);
   if (result != 0 && result != -1) {
     std::cerr << "sem_destroy failed with errno=" << std::dec << errno << "\n" << std::flush;
   }
@@ -71,22 +91,16 @@ ORVIX_CALLABLE_AFTER_DESTRUCTION bool CountingSemaphore::prepareWait() {
   const int current = state;
   if (current == CS_ACTIVE) ++waiters;
   mutex.unlock();
-  switch (current) {
-    case CS_DELETING:
-      throw CountingSemaphoreDeletingException();
-    case CS_DELETED:
-      std::cerr << "Illegal state CS_DELETED in CountingSemaphore::wait" << std::endl;
-      abort();
-    default:
-      return true;
-  }
+  return admit(current, "wait");
 }
 
 ORVIX_CALLABLE_AFTER_DESTRUCTION void CountingSemaphore::doWait(const TimeSpec* deadline) {
+  // Never taken: prepareWait answers true or leaves by exception or abort. Kept because the
+  // step's bool result is public and a caller may rely on its meaning.
   if (!prepareWait()) return;
   int result;
   if (deadline == nullptr) {
-    result = safe(kSigDoWait, kFile, 147, sem_wait(&sem), true);
+    result = safe(kSigDoWait, kUnit, 147, sem_wait(&sem), true);
   } else {
     result = sem_timedwait(&sem, deadline->to_c());
     if (result == -1) result = errno;
@@ -99,6 +113,7 @@ ORVIX_CALLABLE_AFTER_DESTRUCTION void CountingSemaphore::doWait(const TimeSpec* 
         if (waiters == 0) cond.signal();
         throw CountingSemaphoreDeletingException();
       case CS_DELETED:
+        // Not seen here: the destructor waits for this waiter. Kept so every state has its answer.
         throw CountingSemaphoreDeletingException();
       default:
         break;
@@ -130,20 +145,12 @@ ORVIX_CALLABLE_AFTER_DESTRUCTION bool CountingSemaphore::preparePost() {
   mutex.lock();  // by hand, as in prepareWait
   const int current = state;
   mutex.unlock();
-  switch (current) {
-    case CS_DELETING:
-      throw CountingSemaphoreDeletingException();
-    case CS_DELETED:
-      std::cerr << "Illegal state CS_DELETED in CountingSemaphore::post" << std::endl;
-      abort();
-    default:
-      return true;
-  }
+  return admit(current, "post");
 }
 
 ORVIX_CALLABLE_AFTER_DESTRUCTION void CountingSemaphore::post() {
-  if (!preparePost()) return;
-  const int result = safe(kSigPost, kFile, 230, sem_post(&sem), true);
+  if (!preparePost()) return;  // never taken, as in doWait
+  const int result = safe(kSigPost, kUnit, 230, sem_post(&sem), true);
   if (result != 0 && result != -1) {
     GeneralExceptionThrower t(result);
     t.handle(EINVAL, "EINVAL");
@@ -153,7 +160,7 @@ ORVIX_CALLABLE_AFTER_DESTRUCTION void CountingSemaphore::post() {
 
 int CountingSemaphore::getValue() {
   int value = 0;
-  const int result = safe(kSigGetValue, kFile, 251, sem_getvalue(&sem, &value), true);
+  const int result = safe(kSigGetValue, kUnit, 251, sem_getvalue(&sem, &value), true);
   if (result != 0 && result != -1) {
     GeneralExceptionThrower t(result);
     t.handle(EINVAL, "EINVAL");

@@ -68,6 +68,7 @@ class BlockingQueue {
     ORVIX_ASSERT(p >= array && p <= array + capacity, "p >= array && p <= array + capacity",
                  "Orvix/CppBlockingQueue.hpp", 136);
     T* result = p == array + capacity ? array : p + 1;
+    // Cannot fail once the first check held; kept because the contract lists both checks.
     ORVIX_ASSERT(result >= array && result <= array + capacity,
                  "p >= array && p <= array + capacity", "Orvix/CppBlockingQueue.hpp", 145);
     return result;
@@ -132,9 +133,9 @@ class BlockingQueue {
                                : (p >= readPos || p < writePos);
   }
 
-  Alloc allocator;
-  std::size_t capacity;
-  T* array;                          // capacity + 1 slots
+  Alloc allocator;                   // not const: allocate takes it by non-const reference
+  const std::size_t capacity;
+  T* array;                          // capacity + 1 slots; written once, in the constructor
   T* writePos;                       // guarded by mutex
   T* readPos;                        // guarded by mutex
   std::mutex mutex;

@@ -7,6 +7,10 @@
 
 namespace orvix {
 
+namespace {
+constexpr const char* kUnit = "Orvix/CppCapacityControl";
+}  // namespace
+
 std::shared_ptr<CapacityControl> CapacityControl::create(std::string name, int capacity,
                                                          int size) {
   return std::make_shared<CapacityControlImpl>(std::move(name), capacity, size);
@@ -20,7 +24,7 @@ CapacityControlImpl::CapacityControlImpl(std::string name, int capacity, int siz
 CapacityControlImpl::~CapacityControlImpl() = default;
 
 void CapacityControlImpl::increaseSize(int sizeIncrement) {
-  ORVIX_ASSERT(sizeIncrement >= 0, "sizeIncrement >= 0", "Orvix/CppCapacityControl", 97);
+  ORVIX_ASSERT(sizeIncrement >= 0, "sizeIncrement >= 0", kUnit, 97);
   if (size + sizeIncrement <= capacity) {
     size += sizeIncrement;
     return;
@@ -32,7 +36,7 @@ void CapacityControlImpl::increaseSize(int sizeIncrement) {
 }
 
 void CapacityControlImpl::decreaseSize(int sizeDecrement) {
-  ORVIX_ASSERT(sizeDecrement >= 0, "sizeDecrement >= 0", "Orvix/CppCapacityControl", 107);
+  ORVIX_ASSERT(sizeDecrement >= 0, "sizeDecrement >= 0", kUnit, 107);
   if (size >= sizeDecrement) {
     size -= sizeDecrement;
     return;

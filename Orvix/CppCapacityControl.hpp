@@ -36,8 +36,8 @@ class CapacityControlImpl : public CapacityControl {
   int getCapacity() const { return capacity; }
 
  private:
-  std::string name;
-  int capacity;
+  const std::string name;
+  const int capacity;
   int size;
 };
 

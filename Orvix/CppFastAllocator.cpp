@@ -6,17 +6,18 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "Orvix/StartupOrder.hpp"
+#include "Orvix/internal/Config.hpp"
+#include "Orvix/internal/StartupOrder.hpp"
 
 namespace orvix {
 
 namespace {
 
-const char* const kFile = "Orvix/CppFastAllocator";
+constexpr const char* kUnit = "Orvix/CppFastAllocator";
 
 // Keeps the heap's pages resident so that first touches on a real-time path do not fault.
 void lockMemory(void* region, size_t size) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if ORVIX_SANITIZER_BUILD
   // Sanitizer builds only: MCL_CURRENT would try to lock the sanitizer's terabytes of shadow
   // mappings (no memory limit is large enough), so these builds lock just this heap's region.
   // A failure is reported and aborts as in the normal build.
@@ -72,7 +73,7 @@ SimpleHeap::~SimpleHeap() { delete[] allocd; }
 
 void* SimpleHeap::alloc(size_t size) {
   ORVIX_ASSERT(base.mem == reinterpret_cast<char*>(this->allocd),
-               "base.mem == (char*) this->allocd", kFile, 127);
+               "base.mem == (char*) this->allocd", kUnit, 127);
   return base.alloc(size);
 }
 
@@ -83,7 +84,7 @@ bool SimpleHeap::allFree() { return base.allFree(); }
 template class FastAllocator<char>;
 template class FastAllocator<SubHeap>;
 
-SimpleHeap SimpleHeap::singleton __attribute__((init_priority(ORVIX_INIT_HEAP)))(0x100000);
+SimpleHeap SimpleHeap::singleton ORVIX_INIT_PRIORITY(ORVIX_INIT_HEAP)(0x100000);
 
 SubHeap::SubHeap(IHeap& parent, size_t size) : parent(parent), base() {
   char* p = static_cast<char*>(parent.alloc(size));

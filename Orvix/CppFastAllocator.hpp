@@ -24,6 +24,10 @@
 
 namespace orvix {
 
+// n rounded up to the next multiple of 8, the heaps' alignment (wraps to a smaller number for an
+// n within 7 of the type's maximum; BaseHeap::alloc checks for that).
+constexpr size_t roundUpTo8(size_t n) { return (n + 7) & ~static_cast<size_t>(7); }
+
 // A region heap.
 class IHeap {
  public:
@@ -43,8 +47,9 @@ class BaseHeap : public IHeap {
   BaseHeap();
   BaseHeap(char* mem, char* memEnd);
   ~BaseHeap() override;
-  BaseHeap(const BaseHeap&) = default;
-  BaseHeap& operator=(const BaseHeap&) = default;
+  // A copy would bump the same region: two heaps handing out the same bytes.
+  BaseHeap(const BaseHeap&) = delete;
+  BaseHeap& operator=(const BaseHeap&) = delete;
 
   // Takes [mem, memEnd) and starts empty; sumPadding keeps counting across regions.
   void init(char* mem, char* memEnd);
@@ -63,6 +68,10 @@ class BaseHeap : public IHeap {
   size_t sumAllocated;
   // Bytes lost to rounding, ever; a statistic only.
   size_t sumPadding;
+
+ private:
+  // The unit the inline members' assertions name.
+  static constexpr const char* kUnit = "Orvix/CppFastAllocator";
 };
 
 // A heap owning its region; building one locks the process's current pages in memory
@@ -84,7 +93,7 @@ class SimpleHeap : public IHeap {
   bool allFree() override;
 
   // The owned region, whole 8-byte units.
-  unsigned long long* allocd;
+  unsigned long long* const allocd;
   // Manages [allocd, allocd + size).
   BaseHeap base;
 };
@@ -112,12 +121,12 @@ class SubHeap : public IHeap {
 // the assertion texts name the library's source unit.
 inline void* BaseHeap::alloc(size_t size) {
   ORVIX_ASSERT((reinterpret_cast<ptrdiff_t>(nextMem) & 7) == 0, "((ptrdiff_t) nextMem & 7) == 0",
-               "Orvix/CppFastAllocator", 110);
-  const size_t ceilSize = (size + 7) & ~static_cast<size_t>(7);
+               kUnit, 110);
+  const size_t ceilSize = roundUpTo8(size);
   if (size < ceilSize) sumPadding += ceilSize - size;
   // Compared as distances (and against wrapping): the pointer sum may lie outside the region.
   ORVIX_ASSERT(ceilSize <= static_cast<size_t>(memEnd - nextMem) && ceilSize >= size,
-               "nextMem + ceilSize <= memEnd", "Orvix/CppFastAllocator", 119);
+               "nextMem + ceilSize <= memEnd", kUnit, 119);
   char* result = nextMem;
   nextMem += ceilSize;
   sumAllocated += size;
@@ -125,7 +134,7 @@ inline void* BaseHeap::alloc(size_t size) {
 }
 
 inline void BaseHeap::dealloc(void* p, size_t size) {
-  ORVIX_ASSERT(sumAllocated >= size, "sumAllocated >= size", "Orvix/CppFastAllocator", 135);
+  ORVIX_ASSERT(sumAllocated >= size, "sumAllocated >= size", kUnit, 135);
   sumAllocated -= size;
   if (sumAllocated == 0) {
     nextMem = mem;

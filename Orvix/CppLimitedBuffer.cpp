@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "Orvix/OrvixAssert.hpp"
-#include "Orvix/StartupOrder.hpp"
+#include "Orvix/internal/StartupOrder.hpp"
 
 namespace util {
 
@@ -24,7 +24,7 @@ std::atomic<bool> enabled;
 }  // namespace
 
 std::shared_ptr<util::LimitedBuffer> gl_pWendelLimitedBuffer
-    __attribute__((init_priority(ORVIX_INIT_LIMITED_BUFFER)));
+    ORVIX_INIT_PRIORITY(ORVIX_INIT_LIMITED_BUFFER);
 
 LimitedBuffer::LimitedBuffer(std::size_t size, int bytesPerValueList,
                              std::function<void(std::ostream&, const char*)> formatStateValueList)
@@ -112,6 +112,7 @@ char* LimitedBuffer::walk(char* a, ptrdiff_t delta) const {
   ptrdiff_t r = (a - begin + delta) % capacity;
   while (r < 0) r += capacity;
   char* const result = begin + r;
+  // Cannot fail after the modulo above; kept as the contract's check of the result.
   ORVIX_ASSERT(begin <= result && result < end, "begin <= a && a < end", kUnit, 178);
   return result;
 }
@@ -176,6 +177,7 @@ void LimitedBuffer::print(std::ostream& os) {
     formatStateValueList(os, values);
   }
   copySize -= writeStretch(os, snapshot.data(), ringLen, current, stop, copySize);
+  // Every owed byte has been written by now; the check stays as the contract's guard.
   ORVIX_ASSERT(copySize == 0, "copySize == 0", kUnit, 282);
   os << "\n==============\n\n";
 }

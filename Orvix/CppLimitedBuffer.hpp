@@ -82,6 +82,7 @@ class LimitedBuffer {
   static std::size_t writeStretch(std::ostream& os, const char* ring, std::size_t ringLen,
                                   std::size_t from, std::size_t to, std::size_t owed);
 
+  // begin and end are written once, in the constructor (after its precondition check).
   char* begin;
   char* end;
   char* next;        // guarded by mutex; always in [begin, end)
@@ -90,7 +91,7 @@ class LimitedBuffer {
   std::condition_variable cond;  // kept for the object's shape; nothing waits on it
   char lineBuffer[512];          // guarded by mutex; addf's scratch
   LimitedStateValueBuffer stateValues;  // guarded by mutex
-  FormatStateValueList formatStateValueList;
+  const FormatStateValueList formatStateValueList;
 };
 
 // Calls lb.print(os).

@@ -40,6 +40,7 @@ void LimitedStateValueBuffer::add(int pos, const char* values, int numBytes) {
                "nextValue >= valueBuf && nextValue + numBytes <= valueBufEnd", kUnit, 93);
   std::memcpy(nextValue, values, static_cast<std::size_t>(numBytes));
   nextValue += bytesPerValueList;
+  // Follows from the check above; kept as the contract's check after the step.
   ORVIX_ASSERT(nextValue <= valueBufEnd, "nextValue <= valueBufEnd", kUnit, 96);
   if (nextValue == valueBufEnd) nextValue = valueBuf;
 

@@ -55,11 +55,11 @@ class LimitedStateValueBuffer {
   const int* posRing() const { return posBuf; }
 
  private:
-  int bytesPerValueList;
-  char* valueBuf;     // maxLists records
-  char* valueBufEnd;  // one past the last record
+  const int bytesPerValueList;
+  char* const valueBuf;     // maxLists records, owned
+  char* const valueBufEnd;  // one past the last record
   int posBuf[maxLists];
-  int* posBufEnd;     // one past posBuf
+  int* const posBufEnd;     // one past posBuf
   int count;          // valid lists, 0 to maxLists
   char* nextValue;    // where the next record goes
   int* nextPos;       // where the next position goes

@@ -15,12 +15,12 @@ namespace {
 
 constexpr const char* kUnit = "Orvix/CppLinuxTimer";
 
-logGroups::LogUnit timerLog{logGroups::kCppLinuxTimer, kUnit};
+logGroups::LogUnit logUnit{logGroups::kCppLinuxTimer, kUnit};
 
 // A failing timer call of a LinuxTimer: log (unless the group is switched off), then abort.
 [[noreturn]] void fatal(int line, const char* format) {
   const int err = errno;
-  logGroups::logMessage(timerLog, line, format, strerror(err));
+  logGroups::logMessage(logUnit, line, format, strerror(err));
   abort();
 }
 

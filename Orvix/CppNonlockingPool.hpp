@@ -23,11 +23,10 @@ class NonlockingPool {
   // 0x1FFFFFFE (the limit of the pointer array on the controller).
   NonlockingPool(T* objects, int size)
       : objects(objects), size(size), available(newArray(size)), next(nullptr),
-        availableEnd(nullptr) {
+        availableEnd(available + size) {
     std::lock_guard<std::mutex> lock(mutex);
     for (int i = 0; i < size; ++i) available[i] = &objects[i];
     next = available;
-    availableEnd = available + size;
   }
 
   virtual ~NonlockingPool() { delete[] available; }
@@ -39,6 +38,7 @@ class NonlockingPool {
   T* get() {
     std::lock_guard<std::mutex> lock(mutex);
     T** old = next;
+    // next never passes availableEnd (underflow puts it back); kept as the contract's check.
     ORVIX_ASSERT(old - available <= size, "newNext - available <= size",
                  "Orvix/CppNonlockingPool.hpp", 125);
     ++next;
@@ -64,11 +64,11 @@ class NonlockingPool {
     return new T*[static_cast<uint32_t>(size)];
   }
 
-  T* objects;             // the caller's
-  int size;
-  T** available;          // owned; [next, availableEnd) are free
+  T* const objects;       // the caller's
+  const int size;
+  T** const available;    // owned; [next, availableEnd) are free
   T** next;               // guarded by mutex
-  T** availableEnd;
+  T** const availableEnd;
   std::mutex mutex;
 };
 

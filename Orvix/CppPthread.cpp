@@ -17,14 +17,14 @@ namespace orvix {
 
 namespace {
 
-const char* const kFile = "Orvix/CppPthread";
+constexpr const char* kUnit = "Orvix/CppPthread";
 
-const char* const kSigFunc = "orvix::Pthread::Pthread(orvix::Pthread::Func, void*, uint32_t)";
-const char* const kSigAlt =
+constexpr const char* kSigFunc = "orvix::Pthread::Pthread(orvix::Pthread::Func, void*, uint32_t)";
+constexpr const char* kSigAlt =
     "orvix::Pthread::Pthread(orvix::Pthread::AlternativeFunc, uint32_t)";
-const char* const kSigFuncSched =
+constexpr const char* kSigFuncSched =
     "orvix::Pthread::Pthread(orvix::Pthread::Func, void*, uint32_t, int, int)";
-const char* const kSigAltSched =
+constexpr const char* kSigAltSched =
     "orvix::Pthread::Pthread(orvix::Pthread::AlternativeFunc, uint32_t, int, int)";
 
 // Where each constructor's checks report from.
@@ -48,31 +48,31 @@ uint32_t stackBytes(uint32_t stackSizeKiB) {
 
 void checkPolicy(int schedpolicy, const char* sig, int line) {
   ORVIX_ASSERT_AT(static_cast<unsigned>(schedpolicy) <= 2u,
-                  "schedpolicy == 0 || schedpolicy == 2 || schedpolicy == 1", kFile, line, sig);
+                  "schedpolicy == 0 || schedpolicy == 2 || schedpolicy == 1", kUnit, line, sig);
 }
 
 // Steps 3 to 9 of every starting constructor; sched is null for the plain forms.
 pthread_t start(const Lines& l, uint32_t stackSizeKiB, const int* policyAndPriority,
                 intern::InternThread* (*makeRecord)(void*), void* ctx) {
   pthread_attr_t attr;
-  util::safePosix(l.sig, kFile, l.init, pthread_attr_init(&attr));
-  util::safePosix(l.sig, kFile, l.stackSize,
+  util::safePosix(l.sig, kUnit, l.init, pthread_attr_init(&attr));
+  util::safePosix(l.sig, kUnit, l.stackSize,
                   pthread_attr_setstacksize(&attr, stackBytes(stackSizeKiB)));
   if (policyAndPriority != nullptr) {
-    util::safePosix(l.sig, kFile, l.inherit,
+    util::safePosix(l.sig, kUnit, l.inherit,
                     pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED));
-    util::safePosix(l.sig, kFile, l.policy,
+    util::safePosix(l.sig, kUnit, l.policy,
                     pthread_attr_setschedpolicy(&attr, policyAndPriority[0]));
     sched_param param{};
     param.sched_priority = policyAndPriority[1];
-    util::safePosix(l.sig, kFile, l.param, pthread_attr_setschedparam(&attr, &param));
+    util::safePosix(l.sig, kUnit, l.param, pthread_attr_setschedparam(&attr, &param));
   }
   intern::InternThread* record = makeRecord(ctx);
   pthread_t thread;
-  util::safePosix(l.sig, kFile, l.create, pthread_create(&thread, &attr, &pthreadFunc, record));
+  util::safePosix(l.sig, kUnit, l.create, pthread_create(&thread, &attr, &pthreadFunc, record));
   // Renames the constructing thread, not the new one; that is how it has always behaved.
   prctl(PR_SET_NAME, "Pthread", 0, 0, 0);
-  util::safePosix(l.sig, kFile, l.destroy, pthread_attr_destroy(&attr));
+  util::safePosix(l.sig, kUnit, l.destroy, pthread_attr_destroy(&attr));
   return thread;
 }
 
@@ -103,13 +103,14 @@ void* pthreadFunc(void* p) {
   void* arg = t->arg;
   Pthread::AlternativeFunc f2;
   if (f == nullptr) {
-    ORVIX_ASSERT(static_cast<bool>(t->alternativeF), "t->alternativeF", kFile, 181);
+    ORVIX_ASSERT(static_cast<bool>(t->alternativeF), "t->alternativeF", kUnit, 181);
     f2 = t->alternativeF;
   }
   // The record goes before the body runs: a body that never returns must not keep it alive.
   delete t;
   if (f != nullptr) return f(arg);
-  ORVIX_ASSERT(static_cast<bool>(f2), "f2", kFile, 191);
+  // Holds after the check above; the contract keeps the second check all the same.
+  ORVIX_ASSERT(static_cast<bool>(f2), "f2", kUnit, 191);
   return f2();
 }
 
@@ -139,9 +140,11 @@ Pthread::Pthread(AlternativeFunc f, uint32_t stackSizeKiB, int schedpolicy, int 
   thread = start(kLinesAltSched, stackSizeKiB, sched, &recordOfAlt, &f);
 }
 
-// The new object's state must not read as RUNNING when the assignment checks it; it is given
-// EMPTY here rather than left indeterminate.
-Pthread::Pthread(Pthread&& other) : state(EMPTY), thread(kNoThread) { *this = std::move(other); }
+// A new object owns nothing, so unlike the assignment this cannot end the process.
+Pthread::Pthread(Pthread&& other) noexcept : state(other.state), thread(other.thread) {
+  other.state = EMPTY;
+  other.thread = kNoThread;
+}
 
 Pthread& Pthread::operator=(Pthread&& other) {
   if (state == RUNNING) {
@@ -168,14 +171,14 @@ void* Pthread::join() {
     throw std::system_error(EDEADLK, std::generic_category());
   }
   void* result = nullptr;
-  util::safePosix("void* orvix::Pthread::join()", kFile, 345, pthread_join(thread, &result));
+  util::safePosix("void* orvix::Pthread::join()", kUnit, 345, pthread_join(thread, &result));
   state = JOINED;
   return result;
 }
 
 void Pthread::detach() {
   if (state != RUNNING) throw std::system_error(EINVAL, std::generic_category());
-  util::safePosix("void orvix::Pthread::detach()", kFile, 355, pthread_detach(thread));
+  util::safePosix("void orvix::Pthread::detach()", kUnit, 355, pthread_detach(thread));
   state = EMPTY;
   thread = kNoThread;
 }

@@ -42,8 +42,9 @@ class Pthread {
   Pthread(AlternativeFunc f, uint32_t stackSizeKiB, int schedpolicy, int priority);
 
   // Takes over the other object's thread; the other is left owning nothing.
-  Pthread(Pthread&& other);
-  // Terminates the process when this object still owns a running, unjoined thread.
+  Pthread(Pthread&& other) noexcept;
+  // Terminates the process when this object still owns a running, unjoined thread; so, unlike
+  // the construction, not a move that cannot fail.
   Pthread& operator=(Pthread&& other);
   Pthread(const Pthread&) = delete;
   Pthread& operator=(const Pthread&) = delete;
@@ -83,11 +84,11 @@ class InternThread {
   InternThread& operator=(const InternThread&) = delete;
 
   // Null when the callable form is used.
-  Pthread::Func f;
+  const Pthread::Func f;
   // The argument of f; null for the callable form.
-  void* arg;
+  void* const arg;
   // Empty when f is used.
-  Pthread::AlternativeFunc alternativeF;
+  const Pthread::AlternativeFunc alternativeF;
 };
 
 }  // namespace intern

@@ -74,7 +74,7 @@ void Fifo::moveRange(Element* beforeFrom, Element* fromUntilThis, Fifo& target,
 void Fifo::allBackToPools(orvix::sync::Guard& g) {
   while (head) {
     Element* const e = popFront();
-    ORVIX_ASSERT(e, "e", kUnit, 106);
+    ORVIX_ASSERT(e, "e", kUnit, 106);  // cannot fail with head set; the contract keeps it
     e->goBackToPool(g);
   }
   ORVIX_ASSERT(dbgInvariant(), "dbgInvariant()", kUnit, 110);

@@ -7,8 +7,8 @@
 
 #include "Orvix/CppLimitedBuffer.hpp"
 #include "Orvix/OrvixAssert.hpp"
-#include "Orvix/StartupOrder.hpp"
 #include "Orvix/ThreadSafeStream.hpp"
+#include "Orvix/internal/StartupOrder.hpp"
 
 namespace orvix {
 
@@ -41,7 +41,7 @@ void reportSlowLocking(const char* format, const std::string& text) {
 
 }  // namespace
 
-LockGroup gl_wendelLockGroup __attribute__((init_priority(ORVIX_INIT_LOCK_GROUP)));
+LockGroup gl_wendelLockGroup ORVIX_INIT_PRIORITY(ORVIX_INIT_LOCK_GROUP);
 
 LockGroup::LockGroup() : interrupted(false), requestedAt(0), lockedAt(0) {}
 

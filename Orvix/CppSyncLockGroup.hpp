@@ -84,8 +84,10 @@ class LockGroup {
   std::atomic<int64_t> lockedAt;
 };
 
-// Holds a group for its scope and reports slow locking when it ends.
-class Guard {
+// Holds a group for its scope and reports slow locking when it ends. [[nodiscard]]: a guard that
+// is made and dropped in one statement (ORVIX_GUARD(g); without a name) would lock and unlock at
+// once and leave the code after it unguarded, so the build refuses it.
+class [[nodiscard]] Guard {
  public:
   // Locks group without time limit. file must not be null (std::logic_error).
   Guard(LockGroup& group, const char* file, int line);
@@ -110,12 +112,12 @@ class Guard {
 
  private:
   LockGroup* group;  // null after a move
-  std::string file;
-  int32_t line;
+  const std::string file;
+  const int32_t line;
 };
 
-// Releases a held group for its scope and takes it again at the end.
-class Unguard {
+// Releases a held group for its scope and takes it again at the end; [[nodiscard]] as Guard.
+class [[nodiscard]] Unguard {
  public:
   // Unlocks group once; file and line are not used.
   Unguard(LockGroup& group, const char* file, int line);
@@ -127,7 +129,7 @@ class Unguard {
   ~Unguard();
 
  private:
-  LockGroup* group;
+  LockGroup* const group;
 };
 
 // The process-wide group, built when the library is loaded.

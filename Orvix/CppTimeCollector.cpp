@@ -8,7 +8,7 @@
 namespace orvix {
 
 namespace {
-const char* const kFile = "Orvix/CppTimeCollector";
+constexpr const char* kUnit = "Orvix/CppTimeCollector";
 }  // namespace
 
 // The instantiations the collectors use, exported with the library.
@@ -34,10 +34,10 @@ TimeCollector::TimeCollector(const FastAllocator<Entry>& alloc)
 void TimeCollector::reset(int atLeastCapacity) {
   // Swapped with an empty vector, so that the storage goes back too.
   EntryVector(allocator).swap(entries);
-  ORVIX_ASSERT(allocator.getHeap()->allFree(), "allocator.getHeap()->allFree()", kFile, 79);
+  ORVIX_ASSERT(allocator.getHeap()->allFree(), "allocator.getHeap()->allFree()", kUnit, 79);
   entries.reserve(static_cast<size_t>(atLeastCapacity));
   ORVIX_ASSERT(static_cast<int>(entries.capacity()) >= atLeastCapacity,
-               "(int) entries.capacity() >= atLeastCapacity", kFile, 81);
+               "(int) entries.capacity() >= atLeastCapacity", kUnit, 81);
 }
 
 void TimeCollector::tidyUpString(MyString* s) {
@@ -95,7 +95,7 @@ TimeCollectorPool::TimeCollectorPool(std::ostream& out, int nameWidth, size_t su
   try {
     FastAllocator<SubHeap> subHeapAlloc{std::shared_ptr<IHeap>(heap)};
     ORVIX_ASSERT(subHeapAlloc.getHeap().get() == heap.get(),
-                 "subHeapAlloc.getHeap().get() == heap.get()", kFile, 160);
+                 "subHeapAlloc.getHeap().get() == heap.get()", kUnit, 160);
     subHeaps = subHeapAlloc.allocate(poolSize);
     FastAllocator<TimeCollector> collectorAlloc(subHeapAlloc);
     collectors = collectorAlloc.allocate(poolSize);

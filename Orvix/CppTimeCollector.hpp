@@ -109,7 +109,7 @@ class TimeCollector {
   const FastAllocator<Entry>& getAllocator() const { return allocator; }
 
  private:
-  FastAllocator<Entry> allocator;
+  const FastAllocator<Entry> allocator;
   EntryVector entries;  // in recording order
 };
 
@@ -130,9 +130,9 @@ class TimeCollectorPool {
   // Bytes per collector beside its sub-heap (sub-heap and collector objects), and for the pool
   // and queue objects; 64 and 152 on the controller.
   static constexpr size_t PER_COLLECTOR_BYTES =
-      ((sizeof(SubHeap) + 7) & ~size_t{7}) + ((sizeof(TimeCollector) + 7) & ~size_t{7});
+      roundUpTo8(sizeof(SubHeap)) + roundUpTo8(sizeof(TimeCollector));
   static constexpr size_t FIXED_BYTES =
-      ((sizeof(NonlockingPool<TimeCollector>) + 7) & ~size_t{7}) + ((sizeof(Queue) + 7) & ~size_t{7});
+      roundUpTo8(sizeof(NonlockingPool<TimeCollector>)) + roundUpTo8(sizeof(Queue));
   // The one heap of a pool: queue slots, sub-heaps with their objects, pool and queue.
   static constexpr size_t heapSize(size_t subHeapSize, size_t poolSize) {
     return (poolSize + 1) * sizeof(CollectorPtr) + poolSize * (subHeapSize + PER_COLLECTOR_BYTES) +
@@ -166,14 +166,15 @@ class TimeCollectorPool {
   void destroyParts();
 
   std::ostream& out;
-  int nameWidth;
-  size_t poolSize;
-  std::shared_ptr<SimpleHeap> heap;
-  SubHeap* subHeaps;                   // poolSize, placed in heap
-  TimeCollector* collectors;           // poolSize, placed in heap
-  NonlockingPool<TimeCollector>* pool;  // placed in heap
-  Queue* queue;                        // placed in heap
-  Pthread thread;                      // the dump thread
+  const int nameWidth;
+  size_t poolSize;  // set at construction; cut to the collectors built when that fails
+  const std::shared_ptr<SimpleHeap> heap;
+  // The parts below are placed in heap by the constructor and reset by destroyParts only.
+  SubHeap* subHeaps;                   // poolSize
+  TimeCollector* collectors;           // poolSize
+  NonlockingPool<TimeCollector>* pool;
+  Queue* queue;
+  Pthread thread;                      // the dump thread, started by the constructor
 };
 
 #if defined(__arm__)

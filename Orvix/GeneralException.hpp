@@ -33,6 +33,7 @@ class GeneralException : public std::exception {
   static bool defaultSilent;
 
  private:
+  // Written once at construction; not const, so that exceptions stay assignable.
   std::string message;
 };
 
@@ -46,7 +47,7 @@ class IllegalStateException : public std::exception {
   const char* what() const noexcept override;
 
  private:
-  std::string message;
+  std::string message;  // written once at construction; not const, as above
 };
 
 // A timed wait whose deadline passed. Silent; what() is the base class text.
@@ -85,7 +86,7 @@ class GeneralExceptionThrower {
 
  private:
   std::stringstream text;
-  int errnum;
+  const int errnum;
   bool handled;
 };
 

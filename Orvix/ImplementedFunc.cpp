@@ -1,6 +1,6 @@
 #include "Orvix/ImplementedFunc.hpp"
 
-#include "Orvix/StartupOrder.hpp"
+#include "Orvix/internal/StartupOrder.hpp"
 
 namespace zu {
 
@@ -8,6 +8,6 @@ ImplementedFunc::~ImplementedFunc() = default;
 
 std::mutex ImplementedFunc::mu;
 std::set<std::string> ImplementedFunc::allImplemented
-    __attribute__((init_priority(ORVIX_INIT_IMPLEMENTED)));
+    ORVIX_INIT_PRIORITY(ORVIX_INIT_IMPLEMENTED);
 
 }  // namespace zu

@@ -36,7 +36,7 @@ class InitCondVar {
   std::mutex mutex;
   std::condition_variable_any cond;  // waited on with a lock of mutex
   bool initialized;                  // guarded by mutex
-  std::string name;                  // written once at construction
+  const std::string name;
 };
 
 }  // namespace util

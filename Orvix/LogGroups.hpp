@@ -45,8 +45,8 @@ extern const char* gl_logGroupsA[kEntryCount];
 
 // Per-unit logging state.
 struct LogUnit {
-  Entry entry;
-  const char* sourceFile;         // "Orvix/CppCoreDump", ...
+  const Entry entry;
+  const char* const sourceFile;   // "Orvix/CppCoreDump", ...
   uint32_t cachedId = 0xFFFFFFFFu;  // written without a lock, see above
 };
 

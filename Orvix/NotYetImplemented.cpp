@@ -7,9 +7,13 @@
 
 namespace nyi {
 
+namespace {
+constexpr const char* kUnit = "Orvix/NotYetImplemented";
+}  // namespace
+
 void nyi(const char* what) {
   safeCerr << ">>> NOT YET IMPLEMENTED: " << what << std::endl;
-  ORVIX_ASSERT(false, "false", "Orvix/NotYetImplemented", 27);
+  ORVIX_ASSERT(false, "false", kUnit, 27);
   std::abort();  // __assert_fail does not return; this tells the compiler so
 }
 

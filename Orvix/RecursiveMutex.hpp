@@ -68,8 +68,8 @@ class WaitCond {
   pthread_cond_t cond;
 };
 
-// Holds a RecursiveMutex from construction to destruction.
-class Lock {
+// Holds a RecursiveMutex from construction to destruction. Always name it: Lock lock(m);
+class [[nodiscard]] Lock {
  public:
   // Locks m.
   explicit Lock(RecursiveMutex& m);

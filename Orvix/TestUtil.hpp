@@ -50,7 +50,7 @@ class TestThreadState {
  private:
   int32_t state;         // guarded by mutex
   RecursiveMutex mutex;
-  std::string name;      // written once at construction
+  const std::string name;
 };
 
 // Measures from its construction on the monotonic clock.

@@ -10,13 +10,13 @@
 
 #include "Orvix/GeneralException.hpp"
 #include "Orvix/OrvixAssert.hpp"
-#include "Orvix/ThreadKey.hpp"
 #include "Orvix/TimeSpec.hpp"
+#include "Orvix/internal/ThreadKey.hpp"
 
 namespace util {
 
 namespace {
-const char kFile[] = "Orvix/Thread";
+constexpr const char* kUnit = "Orvix/Thread";
 }  // namespace
 
 ThreadInternals::ThreadInternals(Thread* owner, const std::string& name)
@@ -117,20 +117,20 @@ void Thread::start(int stackSize, int priority, int policy) {
       const int schedPolicy = policy;
       pthread_attr_setinheritsched(&attributes, PTHREAD_EXPLICIT_SCHED);
       int result = pthread_attr_setschedpolicy(&attributes, schedPolicy);
-      ORVIX_ASSERT(!result, "!result", kFile, __LINE__);
+      ORVIX_ASSERT(!result, "!result", kUnit, __LINE__);
       int checkPolicy = -1;
       result = pthread_attr_getschedpolicy(&attributes, &checkPolicy);
-      ORVIX_ASSERT(!result, "!result", kFile, __LINE__);
-      ORVIX_ASSERT(checkPolicy == schedPolicy, "checkPolicy == schedPolicy", kFile, __LINE__);
+      ORVIX_ASSERT(!result, "!result", kUnit, __LINE__);
+      ORVIX_ASSERT(checkPolicy == schedPolicy, "checkPolicy == schedPolicy", kUnit, __LINE__);
       sched_param param{};
       param.sched_priority = priority;
       result = pthread_attr_setschedparam(&attributes, &param);
-      ORVIX_ASSERT(!result, "!result", kFile, __LINE__);
+      ORVIX_ASSERT(!result, "!result", kUnit, __LINE__);
     }
     internals.state = TS_STARTING;
     used = &attributes;
   }
-  ORVIX_ASSERT(gl_threadKey.valid, "keyCreated", kFile, __LINE__);
+  ORVIX_ASSERT(gl_threadKey.valid, "keyCreated", kUnit, __LINE__);
   const int result = pthread_create(&internals.thread, used, pthreadFunc, &internals);
   if (used != nullptr) pthread_attr_destroy(used);
   if (result != 0) {

@@ -55,9 +55,9 @@ class ThreadInternals {
   int state;               // guarded by mutex (getState reads it without)
   RecursiveMutex mutex;
   WaitCond cond;           // broadcast on every end state; used with mutex
-  std::string name;        // written once at construction
+  const std::string name;
   pthread_t thread;        // written by start under mutex
-  Thread* owner;           // written once at construction
+  Thread* const owner;
 };
 
 // The start routine handed to pthread_create; its argument is the ThreadInternals.

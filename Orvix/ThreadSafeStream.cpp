@@ -5,7 +5,7 @@
 #include <iostream>
 #include <system_error>
 
-#include "Orvix/StartupOrder.hpp"
+#include "Orvix/internal/StartupOrder.hpp"
 
 namespace tss {
 namespace {
@@ -50,8 +50,8 @@ Internal ThreadSafeStream::operator<<(std::ostream& (*manip)(std::ostream&)) {
 
 }  // namespace tss
 
-tss::ThreadSafeStream safeCout __attribute__((init_priority(ORVIX_INIT_CONSOLE)))(std::cout);
-tss::ThreadSafeStream safeCerr __attribute__((init_priority(ORVIX_INIT_CONSOLE)))(std::cerr);
+tss::ThreadSafeStream safeCout ORVIX_INIT_PRIORITY(ORVIX_INIT_CONSOLE)(std::cout);
+tss::ThreadSafeStream safeCerr ORVIX_INIT_PRIORITY(ORVIX_INIT_CONSOLE)(std::cerr);
 
 int my_printf(const char* format, ...) {
   va_list ap;

@@ -39,9 +39,9 @@ class Internal {
   Internal& operator<<(std::ostream& (*manip)(std::ostream&));
 
  private:
-  std::ostream* out;
-  pthread_mutex_t* lock;
-  ThreadSafeStream* owner;
+  std::ostream* const out;
+  pthread_mutex_t* const lock;
+  ThreadSafeStream* const owner;
 };
 
 // A stream whose every << chain is written under the console lock.

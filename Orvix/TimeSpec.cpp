@@ -23,6 +23,18 @@ int32_t low32(T v) {
   return static_cast<int32_t>(static_cast<uint32_t>(v));
 }
 
+// One step that gives the nanoseconds the sign of the seconds, borrowing or carrying one second.
+// The seconds move towards zero, so the step cannot overflow.
+void agreeSigns(int32_t& sec, int32_t& nsec) {
+  if (sec > 0 && nsec < 0) {
+    sec -= 1;
+    nsec += kNsPerSec;
+  } else if (sec < 0 && nsec > 0) {
+    sec += 1;
+    nsec -= kNsPerSec;
+  }
+}
+
 }  // namespace
 
 namespace util {
@@ -81,13 +93,7 @@ void TimeSpec::normalize() {
       s = wrapSub(s, 1);
     }
   }
-  if (s > 0 && ns < 0) {
-    s -= 1;
-    ns += kNsPerSec;
-  } else if (s < 0 && ns > 0) {
-    s += 1;
-    ns -= kNsPerSec;
-  }
+  agreeSigns(s, ns);
   set(s, ns);
 }
 
@@ -131,13 +137,7 @@ std::ostream& operator<<(std::ostream& os, const timespec& t) {
 timespec subtract(timespec a, timespec b) {
   int32_t sec = wrapSub(low32(a.tv_sec), low32(b.tv_sec));
   int32_t nsec = wrapSub(low32(a.tv_nsec), low32(b.tv_nsec));
-  if (sec > 0 && nsec < 0) {
-    sec -= 1;
-    nsec += kNsPerSec;
-  } else if (sec < 0 && nsec > 0) {
-    sec += 1;
-    nsec -= kNsPerSec;
-  }
+  agreeSigns(sec, nsec);
   timespec r{};
   r.tv_sec = sec;
   r.tv_nsec = nsec;

@@ -1,6 +1,5 @@
 #include "Orvix/CountingSemaphore.hpp"
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <semaphore.h>
@@ -20,11 +19,12 @@
 #include <vector>
 
 #include "Orvix/GeneralException.hpp"
+#include "Orvix/internal/Config.hpp"
 #include "TestSupport.hpp"
 
-using orvix_test::assertionLine;
 using orvix_test::CaptureFd;
-using orvix_test::errorText;
+using orvix_test::checkedCallFailure;
+using orvix_test::deadlineIn;
 using orvix_test::runInChild;
 using util::CountingSemaphore;
 using util::CountingSemaphoreDeletingException;
@@ -52,10 +52,7 @@ thread_local Fault failPost;
 thread_local Fault failGetvalue;
 thread_local Fault failDestroy;
 
-template <class F>
-F next(const char* name) {
-  return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
-}
+using orvix_test::nextSymbol;
 
 // Applies an armed fault once and disarms it; returns false when not armed.
 bool inject(Fault& f, int* out) {
@@ -71,14 +68,14 @@ bool inject(Fault& f, int* out) {
 extern "C" {
 
 int sem_trywait(sem_t* s) __THROWNL {
-  static auto real = next<int (*)(sem_t*)>("sem_trywait");
+  static auto real = nextSymbol<int (*)(sem_t*)>("sem_trywait");
   int r;
   if (inject(failTrywait, &r)) return r;
   return real(s);
 }
 
 int sem_post(sem_t* s) __THROWNL {
-  static auto real = next<int (*)(sem_t*)>("sem_post");
+  static auto real = nextSymbol<int (*)(sem_t*)>("sem_post");
   if (failPost.armed() && failPost.callReal) real(s);
   int r;
   if (inject(failPost, &r)) return r;
@@ -86,7 +83,7 @@ int sem_post(sem_t* s) __THROWNL {
 }
 
 int sem_getvalue(sem_t* __restrict s, int* __restrict v) __THROWNL {
-  static auto real = next<int (*)(sem_t*, int*)>("sem_getvalue");
+  static auto real = nextSymbol<int (*)(sem_t*, int*)>("sem_getvalue");
   if (failGetvalue.armed()) {
     *v = failGetvalue.value;
     int r;
@@ -97,7 +94,7 @@ int sem_getvalue(sem_t* __restrict s, int* __restrict v) __THROWNL {
 }
 
 int sem_destroy(sem_t* s) __THROW {
-  static auto real = next<int (*)(sem_t*)>("sem_destroy");
+  static auto real = nextSymbol<int (*)(sem_t*)>("sem_destroy");
   if (failDestroy.armed() && failDestroy.callReal) real(s);
   int r;
   if (inject(failDestroy, &r)) return r;
@@ -109,27 +106,9 @@ int sem_destroy(sem_t* s) __THROW {
 namespace {
 
 using orvix_test::kWarn;
-const char kFile[] = "Orvix/CountingSemaphore";
+using orvix_test::safeAbortLine;
+constexpr const char* kUnit = "Orvix/CountingSemaphore";
 
-TimeSpec realtimeIn(int ms) {
-  TimeSpec t;
-  t.initNow(CLOCK_REALTIME);
-  TimeSpec d;
-  d.initFromMs(ms);
-  t += d;
-  return t;
-}
-
-std::string failureLine(const char* sig, int line, int err) {
-  return std::string(sig) + " failed in " + kFile + ":" + std::to_string(line) + " - (" +
-         std::to_string(err) + ") " + errorText(err) + "\n";
-}
-
-std::string safeAbortLine() {
-  return assertionLine("Orvix/SafeLinuxCalls", 32,
-                       "int util::safe(const char*, const char*, int, int, bool)",
-                       "linuxFuncResult != -1");
-}
 
 // Waits (with a generous limit) until s counts n waiters.
 bool waitForWaiters(CountingSemaphore& s, int n) {
@@ -200,7 +179,7 @@ TEST(CountingSemaphore, TimedwaitWithPastRealtimeDeadlineTimesOutSilently) {
   CountingSemaphore s(0);
   CaptureFd out(1);
   CaptureFd err(2);
-  EXPECT_THROW(s.timedwait(realtimeIn(-1000)), util::TimedOutException);
+  EXPECT_THROW(s.timedwait(deadlineIn(CLOCK_REALTIME, -1000)), util::TimedOutException);
   EXPECT_EQ(s.waitingThreads(), 0);
   EXPECT_EQ(out.text(), "");
   EXPECT_EQ(err.text(), "");
@@ -208,7 +187,7 @@ TEST(CountingSemaphore, TimedwaitWithPastRealtimeDeadlineTimesOutSilently) {
 
 TEST(CountingSemaphore, TimedwaitTakesAnAvailableUnit) {
   CountingSemaphore s(1);
-  s.timedwait(realtimeIn(-1000));  // a unit is there: no waiting, no timeout
+  s.timedwait(deadlineIn(CLOCK_REALTIME, -1000));  // a unit is there: no waiting, no timeout
   EXPECT_EQ(s.getValue(), 0);
 }
 
@@ -229,7 +208,7 @@ TEST(CountingSemaphore, TimedwaitWokenByPost) {
   CountingSemaphore s(0);
   std::atomic<bool> returned{false};
   std::thread t([&] {
-    s.timedwait(realtimeIn(600000));
+    s.timedwait(deadlineIn(CLOCK_REALTIME, 600000));
     returned = true;
   });
   ASSERT_TRUE(waitForWaiters(s, 1));
@@ -313,7 +292,7 @@ class WaiterPool {
         if (index % 2 == 0)
           s->wait();
         else
-          s->timedwait(realtimeIn(600000));
+          s->timedwait(deadlineIn(CLOCK_REALTIME, 600000));
       } catch (const CountingSemaphoreDeletingException&) {
         deleted = true;
       } catch (...) {
@@ -392,7 +371,7 @@ TEST(CountingSemaphoreDestruction, PostAndWaitWhileDestroyingThrow) {
       printf("wait threw\n");
     }
     try {
-      s->timedwait(realtimeIn(1000));
+      s->timedwait(deadlineIn(CLOCK_REALTIME, 1000));
       printf("timedwait returned\n");
     } catch (const CountingSemaphoreDeletingException&) {
       printf("timedwait threw\n");
@@ -406,7 +385,7 @@ TEST(CountingSemaphoreDestruction, PostAndWaitWhileDestroyingThrow) {
   EXPECT_EQ(r.err, "");
 }
 
-TEST(CountingSemaphoreDestruction, PostOfTheDestructorFailingAborts) {
+TEST(CountingSemaphoreDestructionDeathTest, PostOfTheDestructorFailingAborts) {
   // A counted waiter and a full semaphore: the destructor's post overflows.
   auto r = runInChild([] {
     auto* s = new CountingSemaphore(INT_MAX);
@@ -415,8 +394,8 @@ TEST(CountingSemaphoreDestruction, PostOfTheDestructorFailingAborts) {
   });
   ASSERT_TRUE(r.signaled()) << r.describe();
   EXPECT_EQ(r.signal(), SIGABRT);
-  EXPECT_EQ(r.err, failureLine("virtual util::CountingSemaphore::~CountingSemaphore()", 59,
-                               EOVERFLOW) +
+  EXPECT_EQ(r.err, checkedCallFailure("virtual util::CountingSemaphore::~CountingSemaphore()",
+                                      kUnit, 59, EOVERFLOW) +
                        safeAbortLine());
 }
 
@@ -449,7 +428,7 @@ TEST(CountingSemaphoreDestruction, OddPostResultIsWrittenAndCounts) {
   }
 }
 
-TEST(CountingSemaphoreDestruction, SemDestroyMinusOneAborts) {
+TEST(CountingSemaphoreDestructionDeathTest, SemDestroyMinusOneAborts) {
   auto r = runInChild([] {
     auto* s = new CountingSemaphore(0);
     failDestroy.result = -1;
@@ -458,8 +437,8 @@ TEST(CountingSemaphoreDestruction, SemDestroyMinusOneAborts) {
   });
   ASSERT_TRUE(r.signaled()) << r.describe();
   EXPECT_EQ(r.signal(), SIGABRT);
-  EXPECT_EQ(r.err, failureLine("virtual util::CountingSemaphore::~CountingSemaphore()", 78,
-                               EINVAL) +
+  EXPECT_EQ(r.err, checkedCallFailure("virtual util::CountingSemaphore::~CountingSemaphore()",
+                                      kUnit, 78, EINVAL) +
                        safeAbortLine());
 }
 
@@ -490,15 +469,15 @@ void afterDestruction(F fn) {
 
 // Calls on a destroyed object are what these tests are about; the sanitizer's dynamic-type check
 // would stop them before the library's own check could be seen.
-__attribute__((no_sanitize("vptr"))) void waitOn(CountingSemaphore& s) { s.wait(); }
-__attribute__((no_sanitize("vptr"))) void timedwaitOn(CountingSemaphore& s) {
-  s.timedwait(realtimeIn(1000));
+ORVIX_NO_SANITIZE_VPTR void waitOn(CountingSemaphore& s) { s.wait(); }
+ORVIX_NO_SANITIZE_VPTR void timedwaitOn(CountingSemaphore& s) {
+  s.timedwait(deadlineIn(CLOCK_REALTIME, 1000));
 }
-__attribute__((no_sanitize("vptr"))) void postOn(CountingSemaphore& s) { s.post(); }
+ORVIX_NO_SANITIZE_VPTR void postOn(CountingSemaphore& s) { s.post(); }
 
 }  // namespace
 
-TEST(CountingSemaphoreDeleted, WaitAborts) {
+TEST(CountingSemaphoreDeletedDeathTest, WaitAborts) {
   auto r = runInChild([] { afterDestruction(waitOn); });
   ASSERT_TRUE(r.signaled()) << r.describe();
   EXPECT_EQ(r.signal(), SIGABRT);
@@ -506,7 +485,7 @@ TEST(CountingSemaphoreDeleted, WaitAborts) {
   EXPECT_EQ(r.out, "");
 }
 
-TEST(CountingSemaphoreDeleted, TimedwaitAborts) {
+TEST(CountingSemaphoreDeletedDeathTest, TimedwaitAborts) {
   auto r = runInChild(
       [] { afterDestruction(timedwaitOn); });
   ASSERT_TRUE(r.signaled()) << r.describe();
@@ -514,7 +493,7 @@ TEST(CountingSemaphoreDeleted, TimedwaitAborts) {
   EXPECT_EQ(r.err, "Illegal state CS_DELETED in CountingSemaphore::wait\n");
 }
 
-TEST(CountingSemaphoreDeleted, PostAborts) {
+TEST(CountingSemaphoreDeletedDeathTest, PostAborts) {
   auto r = runInChild([] { afterDestruction(postOn); });
   ASSERT_TRUE(r.signaled()) << r.describe();
   EXPECT_EQ(r.signal(), SIGABRT);
@@ -532,7 +511,7 @@ TEST(CountingSemaphoreSignals, EintrInTimedwaitSurfacesAsGeneralException) {
     std::string what;
     std::thread w([&] {
       try {
-        s.timedwait(realtimeIn(600000));
+        s.timedwait(deadlineIn(CLOCK_REALTIME, 600000));
         what = "returned";
       } catch (const GeneralException& e) {
         what = e.what();
@@ -557,7 +536,7 @@ TEST(CountingSemaphoreSignals, EintrInTimedwaitSurfacesAsGeneralException) {
   EXPECT_EQ(r.out, kWarn + "EINTR in sem_wait of CountingSemaphore::wait\n");
 }
 
-TEST(CountingSemaphoreSignals, EintrInWaitAborts) {
+TEST(CountingSemaphoreSignalsDeathTest, EintrInWaitAborts) {
   auto r = runInChild([] {
     installInterruptingHandler();
     CountingSemaphore s(0);
@@ -571,30 +550,33 @@ TEST(CountingSemaphoreSignals, EintrInWaitAborts) {
   ASSERT_TRUE(r.signaled()) << r.describe();
   EXPECT_EQ(r.signal(), SIGABRT);
   EXPECT_EQ(r.err,
-            failureLine("void util::CountingSemaphore::doWait(const util::TimeSpec*)", 147, EINTR) +
+            checkedCallFailure("void util::CountingSemaphore::doWait(const util::TimeSpec*)",
+                               kUnit, 147, EINTR) +
                 safeAbortLine());
 }
 
 // ---- Failures of the system calls ----------------------------------------------------------------
 
-TEST(CountingSemaphoreErrors, SemInitFailureAborts) {
+TEST(CountingSemaphoreErrorsDeathTest, SemInitFailureAborts) {
   // A negative value is beyond SEM_VALUE_MAX for sem_init.
   auto r = runInChild([] { CountingSemaphore s(-1); });
   ASSERT_TRUE(r.signaled()) << r.describe();
   EXPECT_EQ(r.signal(), SIGABRT);
-  EXPECT_EQ(r.err, failureLine("util::CountingSemaphore::CountingSemaphore(int)", 32, EINVAL) +
+  EXPECT_EQ(r.err, checkedCallFailure("util::CountingSemaphore::CountingSemaphore(int)", kUnit,
+                                      32, EINVAL) +
                        safeAbortLine());
 }
 
-TEST(CountingSemaphoreErrors, PostOverflowAborts) {
+TEST(CountingSemaphoreErrorsDeathTest, PostOverflowAborts) {
   auto r = runInChild([] {
     CountingSemaphore s(INT_MAX);
     s.post();
   });
   ASSERT_TRUE(r.signaled()) << r.describe();
   EXPECT_EQ(r.signal(), SIGABRT);
-  EXPECT_EQ(r.err, failureLine("void util::CountingSemaphore::post()", 230, EOVERFLOW) +
-                       safeAbortLine());
+  EXPECT_EQ(r.err,
+            checkedCallFailure("void util::CountingSemaphore::post()", kUnit, 230, EOVERFLOW) +
+                safeAbortLine());
 }
 
 TEST(CountingSemaphoreErrors, PostOddResultIsWrittenNotThrown) {
@@ -656,7 +638,7 @@ TEST(CountingSemaphoreErrors, GetValueOddResultThrows) {
                "Unexpected errno (9) in sem_getvalue in CountingSemaphore::getValue");
 }
 
-TEST(CountingSemaphoreErrors, GetValueMinusOneAborts) {
+TEST(CountingSemaphoreErrorsDeathTest, GetValueMinusOneAborts) {
   auto r = runInChild([] {
     CountingSemaphore s(0);
     failGetvalue.result = -1;
@@ -665,8 +647,9 @@ TEST(CountingSemaphoreErrors, GetValueMinusOneAborts) {
   });
   ASSERT_TRUE(r.signaled()) << r.describe();
   EXPECT_EQ(r.signal(), SIGABRT);
-  EXPECT_EQ(r.err, failureLine("int util::CountingSemaphore::getValue()", 251, EINVAL) +
-                       safeAbortLine());
+  EXPECT_EQ(r.err,
+            checkedCallFailure("int util::CountingSemaphore::getValue()", kUnit, 251, EINVAL) +
+                safeAbortLine());
 }
 
 TEST(CountingSemaphoreErrors, WaitOtherNumbersThroughTheThrower) {

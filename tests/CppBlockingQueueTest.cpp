@@ -66,7 +66,7 @@ TEST(BlockingQueue, RingWrapsWithCapacityThree) {
   }
 }
 
-TEST(BlockingQueue, NextWrapsAndChecksItsArgument) {
+TEST(BlockingQueueDeathTest, NextWrapsAndChecksItsArgument) {
   Queue q(2, heapAlloc());
   Item* a = nullptr;
   EXPECT_DEATH(q.next(a), "Orvix/CppBlockingQueue.hpp:136: .*next.*Assertion `p >= array && p <= "

@@ -93,7 +93,7 @@ TEST(CapacityControl, SilentExceptionsPrintNothing) {
   EXPECT_EQ(printed, "");
 }
 
-TEST(CapacityControl, NegativeArgumentsAssert) {
+TEST(CapacityControlDeathTest, NegativeArgumentsAssert) {
   auto r = runInChild([] { CapacityControl::create("n", 5, 1)->increaseSize(-1); });
   ASSERT_TRUE(r.signaled()) << r.describe();
   EXPECT_EQ(r.err, assertionLine("Orvix/CppCapacityControl", 97,

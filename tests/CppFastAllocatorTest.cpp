@@ -1,6 +1,5 @@
 #include "Orvix/CppFastAllocator.hpp"
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -10,9 +9,39 @@
 #include <cstdint>
 #include <list>
 #include <random>
+#include <type_traits>
 #include <vector>
 
 #include "TestSupport.hpp"
+
+// Memory locking observed in front of the system. The normal build locks with mlockall; the
+// sanitizer builds lock the heap's region with mlock (their shadow mappings cannot be locked).
+// Atomics: the library locks from its load-time constructor as well as from test threads.
+static std::atomic<int> gl_lockCalls{0};
+static std::atomic<int> gl_lastFlags{0};
+static std::atomic<int> gl_failLockWith{0};  // errno of an injected failure, 0 for none
+
+// Counts one lock call; true (errno set) when a failure was armed.
+static bool lockCallFails(int flags) {
+  ++gl_lockCalls;
+  gl_lastFlags = flags;
+  const int err = orvix_test::takeArmed(gl_failLockWith);
+  if (err == 0) return false;
+  errno = err;
+  return true;
+}
+
+extern "C" int mlockall(int flags) {
+  static auto real = orvix_test::nextSymbol<int (*)(int)>("mlockall");
+  if (lockCallFails(flags)) return -1;
+  return real(flags);
+}
+
+extern "C" int mlock(const void* addr, size_t len) {
+  static auto real = orvix_test::nextSymbol<int (*)(const void*, size_t)>("mlock");
+  if (lockCallFails(MCL_CURRENT)) return -1;
+  return real(addr, len);
+}
 
 using orvix::BaseHeap;
 using orvix::FastAllocator;
@@ -22,36 +51,6 @@ using orvix::SubHeap;
 using orvix_test::assertionLine;
 using orvix_test::errorText;
 using orvix_test::runInChild;
-
-// Memory locking observed in front of the system. The normal build locks with mlockall; the
-// sanitizer builds lock the heap's region with mlock (their shadow mappings cannot be locked).
-static std::atomic<int> gl_lockCalls{0};
-static std::atomic<int> gl_lastFlags{0};
-static std::atomic<int> gl_failLockWith{0};  // errno of an injected failure, 0 for none
-
-extern "C" int mlockall(int flags) {
-  using Fn = int (*)(int);
-  static Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "mlockall"));
-  ++gl_lockCalls;
-  gl_lastFlags = flags;
-  if (const int err = gl_failLockWith.load()) {
-    errno = err;
-    return -1;
-  }
-  return real(flags);
-}
-
-extern "C" int mlock(const void* addr, size_t len) {
-  using Fn = int (*)(const void*, size_t);
-  static Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "mlock"));
-  ++gl_lockCalls;
-  gl_lastFlags = MCL_CURRENT;
-  if (const int err = gl_failLockWith.load()) {
-    errno = err;
-    return -1;
-  }
-  return real(addr, len);
-}
 
 namespace {
 
@@ -68,6 +67,22 @@ struct Region {
 };
 
 }  // namespace
+
+TEST(BaseHeap, CopyingIsRefused) {
+  // A copy would bump the same region: two heaps handing out the same bytes.
+  static_assert(!std::is_copy_constructible<BaseHeap>::value, "");
+  static_assert(!std::is_copy_assignable<BaseHeap>::value, "");
+}
+
+TEST(BaseHeap, RoundUpTo8) {
+  static_assert(orvix::roundUpTo8(0) == 0, "");
+  static_assert(orvix::roundUpTo8(1) == 8, "");
+  static_assert(orvix::roundUpTo8(8) == 8, "");
+  static_assert(orvix::roundUpTo8(9) == 16, "");
+  // Wraps near the maximum; alloc's check relies on seeing the result smaller than the request.
+  static_assert(orvix::roundUpTo8(static_cast<size_t>(-3)) == 0, "");
+  EXPECT_EQ(orvix::roundUpTo8(13), 16u);
+}
 
 TEST(BaseHeap, DefaultIsUnusableUntilInit) {
   BaseHeap h;
@@ -143,7 +158,7 @@ TEST(BaseHeap, RequestEndingExactlyAtTheEndSucceeds) {
   EXPECT_EQ(h.nextMem, r.end);
 }
 
-TEST(BaseHeap, RoundedRequestMayNotPassAnUnalignedEnd) {
+TEST(BaseHeapDeathTest, RoundedRequestMayNotPassAnUnalignedEnd) {
   // The region ends 5 bytes after a unit: a 5-byte request needs 8.
   Region r(13);
   BaseHeap h(r.start, r.end);
@@ -151,7 +166,7 @@ TEST(BaseHeap, RoundedRequestMayNotPassAnUnalignedEnd) {
   EXPECT_DEATH(h.alloc(5), "Assertion `nextMem \\+ ceilSize <= memEnd' failed");
 }
 
-TEST(BaseHeap, RequestPassingTheEndByOneAborts) {
+TEST(BaseHeapDeathTest, RequestPassingTheEndByOneAborts) {
   auto res = runInChild([] {
     Region r(24);
     BaseHeap h(r.start, r.end);
@@ -164,13 +179,13 @@ TEST(BaseHeap, RequestPassingTheEndByOneAborts) {
                                    "nextMem + ceilSize <= memEnd"));
 }
 
-TEST(BaseHeap, HugeRequestAbortsInsteadOfWrapping) {
+TEST(BaseHeapDeathTest, HugeRequestAbortsInsteadOfWrapping) {
   Region r(24);
   BaseHeap h(r.start, r.end);
   EXPECT_DEATH(h.alloc(static_cast<size_t>(-3)), "Assertion `nextMem \\+ ceilSize <= memEnd'");
 }
 
-TEST(BaseHeap, MisalignedNextMemAborts) {
+TEST(BaseHeapDeathTest, MisalignedNextMemAborts) {
   auto res = runInChild([] {
     Region r(64);
     BaseHeap h(r.start + 1, r.end);
@@ -181,7 +196,7 @@ TEST(BaseHeap, MisalignedNextMemAborts) {
                                    "((ptrdiff_t) nextMem & 7) == 0"));
 }
 
-TEST(BaseHeap, FreeingMoreThanIsOutAborts) {
+TEST(BaseHeapDeathTest, FreeingMoreThanIsOutAborts) {
   auto res = runInChild([] {
     Region r(64);
     BaseHeap h(r.start, r.end);
@@ -257,7 +272,7 @@ TEST(BaseHeap, RandomizedAgainstModel) {
   }
 }
 
-TEST(SimpleHeap, OwnsAnAlignedRegionOfTheGivenSize) {
+TEST(SimpleHeapDeathTest, OwnsAnAlignedRegionOfTheGivenSize) {
   SimpleHeap h(100);
   ASSERT_NE(h.allocd, nullptr);
   EXPECT_EQ(h.base.mem, reinterpret_cast<char*>(h.allocd));
@@ -285,7 +300,7 @@ TEST(SimpleHeap, LocksMemoryOnEveryConstruction) {
   EXPECT_EQ(gl_lastFlags.load(), MCL_CURRENT);
 }
 
-TEST(SimpleHeap, FailingLockPrintsAndAborts) {
+TEST(SimpleHeapDeathTest, FailingLockPrintsAndAborts) {
   auto res = runInChild([] {
     gl_failLockWith = EPERM;
     SimpleHeap h(64);
@@ -304,7 +319,7 @@ TEST(SimpleHeap, TooManyUnitsThrowBadArrayNewLength) {
   EXPECT_EQ(gl_lockCalls.load(), before);
 }
 
-TEST(SimpleHeap, ForeignBaseAborts) {
+TEST(SimpleHeapDeathTest, ForeignBaseAborts) {
   auto res = runInChild([] {
     SimpleHeap h(64);
     h.base.mem += 8;
@@ -353,7 +368,7 @@ TEST(SubHeap, ParentDecidesWhetherItRewinds) {
   EXPECT_TRUE(parent.allFree());
 }
 
-TEST(SubHeap, ParentOverflowAborts) {
+TEST(SubHeapDeathTest, ParentOverflowAborts) {
   SimpleHeap parent(32);
   EXPECT_DEATH(SubHeap sub(parent, 40), "Assertion `nextMem \\+ ceilSize <= memEnd' failed");
 }
@@ -390,7 +405,7 @@ TEST(FastAllocator, CopiesAndRebindsShareTheHeap) {
   EXPECT_TRUE(heap->allFree());
 }
 
-TEST(FastAllocator, AllocateWithoutHeapAborts) {
+TEST(FastAllocatorDeathTest, AllocateWithoutHeapAborts) {
   auto res = runInChild([] {
     FastAllocator<int> a{std::shared_ptr<IHeap>()};
     a.allocate(1);
@@ -403,7 +418,7 @@ TEST(FastAllocator, AllocateWithoutHeapAborts) {
                                    "heap"));
 }
 
-TEST(FastAllocator, ConvertingFromAllocatorWithoutHeapAborts) {
+TEST(FastAllocatorDeathTest, ConvertingFromAllocatorWithoutHeapAborts) {
   EXPECT_DEATH(
       {
         FastAllocator<int> a;

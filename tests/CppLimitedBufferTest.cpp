@@ -23,7 +23,7 @@ using util::LimitedBuffer;
 
 namespace {
 
-const char* kUnit = "Orvix/CppLimitedBuffer";
+constexpr const char* kUnit = "Orvix/CppLimitedBuffer";
 const std::string kHeader = "\n\n======== LIMITED BUFFER CONTENT ========\n\n";
 const std::string kFooter = "\n==============\n\n";
 
@@ -121,7 +121,7 @@ TEST_F(LimitedBufferTest, PieceOneByteShorterThanTheRingIsAccepted) {
   EXPECT_EQ(content(lb), "i123456789");
 }
 
-TEST(LimitedBufferDeath, PieceAsLongAsTheRing) {
+TEST(LimitedBufferDeathTest, PieceAsLongAsTheRing) {
   expectAssertion(
       [] {
         LimitedBuffer::setEnabled(true);
@@ -276,7 +276,7 @@ TEST_F(LimitedBufferTest, ReadPartWraps) {
   EXPECT_EQ(none.str(), "");
 }
 
-TEST(LimitedBufferDeath, ConstructorChecks) {
+TEST(LimitedBufferDeathTest, ConstructorChecks) {
   const std::string ctor =
       "util::LimitedBuffer::LimitedBuffer(std::size_t, int, "
       "std::function<void(std::basic_ostream<char>&, const char*)>)";
@@ -285,7 +285,7 @@ TEST(LimitedBufferDeath, ConstructorChecks) {
                   "void util::LimitedBuffer::checkInvariants() const", "begin < end");
 }
 
-TEST(LimitedBufferDeath, PositionsOutsideTheRing) {
+TEST(LimitedBufferDeathTest, PositionsOutsideTheRing) {
   expectAssertion(
       [] {
         LimitedBuffer lb(10, 2, hexFormat);
@@ -322,7 +322,7 @@ TEST(LimitedBufferDeath, PositionsOutsideTheRing) {
       "(ptrdiff_t)partSize <= (end - begin)");
 }
 
-TEST(LimitedBufferDeath, StateValueListOfTheWrongSize) {
+TEST(LimitedBufferDeathTest, StateValueListOfTheWrongSize) {
   auto r = runInChild([] {
     LimitedBuffer::setEnabled(true);
     LimitedBuffer lb(10, 2, hexFormat);

@@ -13,13 +13,11 @@
 
 #include "TestSupport.hpp"
 
-using orvix_test::assertionLine;
-using orvix_test::runInChild;
 using util::LimitedStateValueBuffer;
 
 namespace {
 
-const char* kUnit = "Orvix/CppLimitedStateValueBuffer";
+constexpr const char* kUnit = "Orvix/CppLimitedStateValueBuffer";
 
 // Runs fn in a child and expects exactly the given assertion failure of this unit.
 void expectAssertion(const std::function<void()>& fn, int line, const std::string& function,
@@ -250,7 +248,7 @@ TEST(LimitedStateValueBuffer, RandomizedAgainstModel) {
   }
 }
 
-TEST(LimitedStateValueBufferDeath, AddWithWrongRecordSize) {
+TEST(LimitedStateValueBufferDeathTest, AddWithWrongRecordSize) {
   expectAssertion(
       [] {
         LimitedStateValueBuffer b(4);
@@ -260,7 +258,7 @@ TEST(LimitedStateValueBufferDeath, AddWithWrongRecordSize) {
       "numBytes == bytesPerValueList");
 }
 
-TEST(LimitedStateValueBufferDeath, CopyFromDifferentRecordSize) {
+TEST(LimitedStateValueBufferDeathTest, CopyFromDifferentRecordSize) {
   expectAssertion(
       [] {
         LimitedStateValueBuffer a(4);
@@ -271,7 +269,7 @@ TEST(LimitedStateValueBufferDeath, CopyFromDifferentRecordSize) {
       "src.bytesPerValueList == this->bytesPerValueList");
 }
 
-TEST(OverwrittenDeath, PositionsOutsideTheCycle) {
+TEST(OverwrittenDeathTest, PositionsOutsideTheCycle) {
   const std::string f = "bool util::overwritten(int, int, int, int)";
   expectAssertion([] { util::overwritten(0, 1, 10, 10); }, 183, f, "0 <= pos && pos < cycleLen");
   expectAssertion([] { util::overwritten(0, 1, -1, 10); }, 183, f, "0 <= pos && pos < cycleLen");
@@ -283,7 +281,7 @@ TEST(OverwrittenDeath, PositionsOutsideTheCycle) {
   expectAssertion([] { util::overwritten(0, -1, 0, 10); }, 185, f, "0 <= end && end < cycleLen");
 }
 
-TEST(LimitedStateValueBufferDeath, RemoveOverwrittenWithAPositionOutsideTheCycle) {
+TEST(LimitedStateValueBufferDeathTest, RemoveOverwrittenWithAPositionOutsideTheCycle) {
   expectAssertion(
       [] {
         LimitedStateValueBuffer b(1);
@@ -293,7 +291,7 @@ TEST(LimitedStateValueBufferDeath, RemoveOverwrittenWithAPositionOutsideTheCycle
       183, "bool util::overwritten(int, int, int, int)", "0 <= pos && pos < cycleLen");
 }
 
-TEST(LimitedStateValueBufferDeath, RingStepsOutsideTheirRings) {
+TEST(LimitedStateValueBufferDeathTest, RingStepsOutsideTheirRings) {
   expectAssertion(
       [] {
         LimitedStateValueBuffer b(2);
@@ -334,7 +332,7 @@ TEST(LimitedStateValueBufferDeath, RingStepsOutsideTheirRings) {
 
 // A cursor off the record grid leaves the ring on its step: the check after the step (the text
 // without the blank) catches it.
-TEST(LimitedStateValueBufferDeath, ValueStepsOffTheRecordGrid) {
+TEST(LimitedStateValueBufferDeathTest, ValueStepsOffTheRecordGrid) {
   expectAssertion(
       [] {
         LimitedStateValueBuffer b(4);

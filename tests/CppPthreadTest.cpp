@@ -1,6 +1,5 @@
 #include "Orvix/CppPthread.hpp"
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
@@ -16,13 +15,11 @@
 #include <string>
 #include <system_error>
 #include <thread>
+#include <type_traits>
+#include <vector>
 
+#include "Orvix/internal/Config.hpp"
 #include "TestSupport.hpp"
-
-using orvix::Pthread;
-using orvix_test::assertionLine;
-using orvix_test::errorText;
-using orvix_test::runInChild;
 
 // The stack size the library last asked for. The sanitizers raise small stacks inside their
 // pthread_create interceptor, so the request itself is observed here, in front of glibc.
@@ -31,24 +28,30 @@ static std::atomic<size_t> gl_requestedStack{0};
 static std::atomic<int> gl_failStackSize{0};
 
 extern "C" int pthread_attr_setstacksize(pthread_attr_t* attr, size_t size) {
-  using Fn = int (*)(pthread_attr_t*, size_t);
-  static Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "pthread_attr_setstacksize"));
+  static auto real =
+      orvix_test::nextSymbol<int (*)(pthread_attr_t*, size_t)>("pthread_attr_setstacksize");
   // The first call is the library's; a sanitizer's pthread_create may call again to enlarge.
   size_t none = 0;
   gl_requestedStack.compare_exchange_strong(none, size);
-  if (const int err = gl_failStackSize.exchange(0)) return err;
+  if (const int err = orvix_test::takeArmed(gl_failStackSize)) return err;
   return real(attr, size);
 }
 
+using orvix::Pthread;
+using orvix_test::assertionLine;
+using orvix_test::checkedCallFailure;
+using orvix_test::runInChild;
+using orvix_test::safePosixAbortLine;
+
 namespace {
 
+constexpr const char* kUnit = "Orvix/CppPthread";
 const char* kSigFunc = "orvix::Pthread::Pthread(orvix::Pthread::Func, void*, uint32_t)";
 const char* kSigAlt = "orvix::Pthread::Pthread(orvix::Pthread::AlternativeFunc, uint32_t)";
 const char* kSigFuncSched =
     "orvix::Pthread::Pthread(orvix::Pthread::Func, void*, uint32_t, int, int)";
 const char* kSigAltSched =
     "orvix::Pthread::Pthread(orvix::Pthread::AlternativeFunc, uint32_t, int, int)";
-const char* kSafePosix = "int util::safePosix(const char*, const char*, int, int)";
 
 const char* kDestroyed =
     "FEHLER: Pthread-Objekt zerstoert, das noch laufenden Thread enthaelt! Erst join() oder "
@@ -57,14 +60,6 @@ const char* kMoveOnto =
     "FEHLER: move-Zuweisung an Pthread-Objekt das bereits laufenden Thread enthaelt!\n";
 // What libstdc++'s terminate handler adds after the library's own line.
 const char* kTerminate = "terminate called without an active exception\n";
-
-bool sanitizerBuild() {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  return true;
-#else
-  return false;
-#endif
-}
 
 void* stackSizeOfSelf(void*) {
   pthread_attr_t a;
@@ -94,7 +89,7 @@ void checkStackOf(const std::function<Pthread()>& start, size_t expected) {
   size_t requested = 0, seen = 0;
   ASSERT_EQ(sscanf(r.out.c_str(), "%zu %zu", &requested, &seen), 2) << r.out;
   EXPECT_EQ(requested, expected);
-  if (sanitizerBuild()) {
+  if (ORVIX_SANITIZER_BUILD) {
     EXPECT_GE(seen, expected);  // the sanitizer may only have made it larger
   } else {
     EXPECT_EQ(seen, expected);
@@ -310,6 +305,24 @@ TEST(Pthread, MoveConstructionTakesTheThread) {
   EXPECT_EQ(target.join(), &value);
 }
 
+TEST(Pthread, MoveConstructionCannotFail) {
+  // noexcept, so that containers move handles when they grow; the assignment may still end the
+  // process and is not.
+  static_assert(std::is_nothrow_move_constructible<Pthread>::value, "");
+  static_assert(!std::is_nothrow_move_assignable<Pthread>::value, "");
+  Pthread source(&identity, nullptr, 32);
+  source.join();
+  const pthread_t id = source.getThread();
+  Pthread target(std::move(source));
+  EXPECT_EQ(target.getState(), Pthread::JOINED);
+  EXPECT_TRUE(pthread_equal(target.getThread(), id));
+  EXPECT_EQ(source.getState(), Pthread::EMPTY);
+  EXPECT_TRUE(pthread_equal(source.getThread(), static_cast<pthread_t>(-1)));
+  std::vector<Pthread> handles;
+  for (int i = 0; i < 5; ++i) handles.emplace_back(&identity, nullptr, 32);
+  for (Pthread& h : handles) EXPECT_EQ(h.join(), nullptr);
+}
+
 TEST(Pthread, MovingAJoinedObjectCarriesJoinedOver) {
   Pthread source(&identity, nullptr, 32);
   source.join();
@@ -339,7 +352,7 @@ TEST(Pthread, ConstructingThreadIsRenamedPthread) {
   EXPECT_EQ(after, "Pthread");
 }
 
-TEST(Pthread, DestroyingARunningThreadEndsTheProcess) {
+TEST(PthreadDeathTest, DestroyingARunningThreadEndsTheProcess) {
   auto r = runInChild([] {
     { Pthread t(&sleepForever, nullptr, 32); }
     printf("not reached\n");
@@ -350,7 +363,7 @@ TEST(Pthread, DestroyingARunningThreadEndsTheProcess) {
   EXPECT_EQ(r.err, std::string(kDestroyed) + kTerminate);
 }
 
-TEST(Pthread, MoveAssignmentOntoARunningThreadEndsTheProcess) {
+TEST(PthreadDeathTest, MoveAssignmentOntoARunningThreadEndsTheProcess) {
   auto r = runInChild([] {
     Pthread t(&sleepForever, nullptr, 32);
     Pthread u(&sleepForever, nullptr, 32);
@@ -363,62 +376,54 @@ TEST(Pthread, MoveAssignmentOntoARunningThreadEndsTheProcess) {
   EXPECT_EQ(r.err, std::string(kMoveOnto) + kTerminate);
 }
 
-TEST(Pthread, IllegalPolicyAsserts) {
+TEST(PthreadDeathTest, IllegalPolicyAsserts) {
   for (int policy : {3, -1, 5}) {
     auto r = runInChild([policy] { Pthread t(&identity, nullptr, 32, policy, 0); });
     ASSERT_TRUE(r.signaled()) << r.describe();
-    EXPECT_EQ(r.err, assertionLine("Orvix/CppPthread", 253, kSigFuncSched,
+    EXPECT_EQ(r.err, assertionLine(kUnit, 253, kSigFuncSched,
                                    "schedpolicy == 0 || schedpolicy == 2 || schedpolicy == 1"));
     auto s = runInChild([policy] {
       Pthread t(Pthread::AlternativeFunc([]() -> void* { return nullptr; }), 32, policy, 0);
     });
     ASSERT_TRUE(s.signaled()) << s.describe();
-    EXPECT_EQ(s.err, assertionLine("Orvix/CppPthread", 284, kSigAltSched,
+    EXPECT_EQ(s.err, assertionLine(kUnit, 284, kSigAltSched,
                                    "schedpolicy == 0 || schedpolicy == 2 || schedpolicy == 1"));
   }
 }
 
-TEST(Pthread, FailingAttributeCallIsReportedAndAborts) {
+TEST(PthreadDeathTest, FailingAttributeCallIsReportedAndAborts) {
   // A priority far outside the range of SCHED_FIFO makes the parameter call fail.
   auto r = runInChild([] { Pthread t(&identity, nullptr, 32, SCHED_FIFO, 100000); });
   ASSERT_TRUE(r.signaled()) << r.describe();
   EXPECT_EQ(r.signal(), SIGABRT);
-  EXPECT_EQ(r.err, std::string(kSigFuncSched) + " failed in Orvix/CppPthread:275 - (22) " +
-                       errorText(22) + "\n" +
-                       assertionLine("Orvix/SafeLinuxCalls", 50, kSafePosix,
-                                     "posixFuncResult == 0"));
+  EXPECT_EQ(r.err, checkedCallFailure(kSigFuncSched, kUnit, 275, EINVAL) +
+                       safePosixAbortLine());
   auto s = runInChild([] {
     Pthread t(Pthread::AlternativeFunc([]() -> void* { return nullptr; }), 32, SCHED_RR, 100000);
   });
   ASSERT_TRUE(s.signaled()) << s.describe();
-  EXPECT_EQ(s.err, std::string(kSigAltSched) + " failed in Orvix/CppPthread:306 - (22) " +
-                       errorText(22) + "\n" +
-                       assertionLine("Orvix/SafeLinuxCalls", 50, kSafePosix,
-                                     "posixFuncResult == 0"));
+  EXPECT_EQ(s.err, checkedCallFailure(kSigAltSched, kUnit, 306, EINVAL) +
+                       safePosixAbortLine());
 }
 
-TEST(Pthread, FailingStackSizeCallIsReportedAndAborts) {
+TEST(PthreadDeathTest, FailingStackSizeCallIsReportedAndAborts) {
   auto r = runInChild([] {
     gl_failStackSize = EINVAL;
     Pthread t(&identity, nullptr, 32);
   });
   ASSERT_TRUE(r.signaled()) << r.describe();
-  EXPECT_EQ(r.err, std::string(kSigFunc) + " failed in Orvix/CppPthread:219 - (22) " +
-                       errorText(22) + "\n" +
-                       assertionLine("Orvix/SafeLinuxCalls", 50, kSafePosix,
-                                     "posixFuncResult == 0"));
+  EXPECT_EQ(r.err, checkedCallFailure(kSigFunc, kUnit, 219, EINVAL) +
+                       safePosixAbortLine());
   auto s = runInChild([] {
     gl_failStackSize = EINVAL;
     Pthread t(Pthread::AlternativeFunc([]() -> void* { return nullptr; }), 32);
   });
   ASSERT_TRUE(s.signaled()) << s.describe();
-  EXPECT_EQ(s.err, std::string(kSigAlt) + " failed in Orvix/CppPthread:242 - (22) " +
-                       errorText(22) + "\n" +
-                       assertionLine("Orvix/SafeLinuxCalls", 50, kSafePosix,
-                                     "posixFuncResult == 0"));
+  EXPECT_EQ(s.err, checkedCallFailure(kSigAlt, kUnit, 242, EINVAL) +
+                       safePosixAbortLine());
 }
 
-TEST(Pthread, FailingJoinIsReportedAndAborts) {
+TEST(PthreadDeathTest, FailingJoinIsReportedAndAborts) {
   // A thread detached behind the object's back cannot be joined.
   auto r = runInChild([] {
     std::promise<void> go;
@@ -432,19 +437,17 @@ TEST(Pthread, FailingJoinIsReportedAndAborts) {
     t.join();
   });
   ASSERT_TRUE(r.signaled()) << r.describe();
-  EXPECT_EQ(r.err, std::string("void* orvix::Pthread::join() failed in Orvix/CppPthread:345 - (22) ") +
-                       errorText(22) + "\n" +
-                       assertionLine("Orvix/SafeLinuxCalls", 50, kSafePosix,
-                                     "posixFuncResult == 0"));
+  EXPECT_EQ(r.err, checkedCallFailure("void* orvix::Pthread::join()", kUnit, 345, EINVAL) +
+                       safePosixAbortLine());
 }
 
-TEST(Pthread, EmptyCallableAssertsInTheNewThread) {
+TEST(PthreadDeathTest, EmptyCallableAssertsInTheNewThread) {
   auto r = runInChild([] {
     Pthread t(Pthread::AlternativeFunc(), 32);
     t.join();
   });
   ASSERT_TRUE(r.signaled()) << r.describe();
-  EXPECT_EQ(r.err, assertionLine("Orvix/CppPthread", 181, "void* orvix::pthreadFunc(void*)",
+  EXPECT_EQ(r.err, assertionLine(kUnit, 181, "void* orvix::pthreadFunc(void*)",
                                  "t->alternativeF"));
 }
 

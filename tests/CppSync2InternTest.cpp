@@ -21,12 +21,11 @@ using orvix::sync2::intern::Element;
 using orvix::sync2::intern::Fifo;
 using orvix::sync2::intern::Pool;
 using orvix::sync2::intern::PoolAccess;
-using orvix_test::assertionLine;
 using orvix_test::runInChild;
 
 namespace {
 
-const char* kUnit = "Orvix/CppSync2Intern";
+constexpr const char* kUnit = "Orvix/CppSync2Intern";
 
 struct Item : Element {
   explicit Item(Pool* p, int id) : Element(p), id(id) {}
@@ -72,6 +71,9 @@ class Sync2Test : public ::testing::Test {
   LockGroup group;
 };
 
+// The same set-up for the tests whose child process ends.
+class Sync2DeathTest : public Sync2Test {};
+
 // Runs fn in a child and expects exactly the given assertion failure of this unit.
 void expectAssertion(const std::function<void()>& fn, int line, const std::string& function,
                      const std::string& expr) {
@@ -113,7 +115,7 @@ TEST_F(Sync2Test, PushBackAndPopFrontKeepOrder) {
   EXPECT_EQ(ids(f), (std::vector<int>{1}));
 }
 
-TEST_F(Sync2Test, PushBackOfALinkedElementAborts) {
+TEST_F(Sync2DeathTest, PushBackOfALinkedElementAborts) {
   expectAssertion(
       [this] {
         Fifo f;
@@ -190,7 +192,7 @@ TEST_F(Sync2Test, MoveWithinOneFifo) {
   EXPECT_EQ(tailId(f), 4);
 }
 
-TEST_F(Sync2Test, MoveRangeNeedsItsLastElement) {
+TEST_F(Sync2DeathTest, MoveRangeNeedsItsLastElement) {
   expectAssertion(
       [this] {
         Fifo src, dst;
@@ -204,7 +206,7 @@ TEST_F(Sync2Test, MoveRangeNeedsItsLastElement) {
       "fromUntilThis");
 }
 
-TEST_F(Sync2Test, MoveRangeChecksTheSourceOnly) {
+TEST_F(Sync2DeathTest, MoveRangeChecksTheSourceOnly) {
   // A source whose tail was lost: after the move head is set and tail is not.
   expectAssertion(
       [this] {
@@ -230,7 +232,7 @@ TEST_F(Sync2Test, MoveRangeChecksTheSourceOnly) {
   EXPECT_FALSE(dst.dbgInvariant());
 }
 
-TEST_F(Sync2Test, PopFrontChecksTheFifo) {
+TEST_F(Sync2DeathTest, PopFrontChecksTheFifo) {
   expectAssertion(
       [this] {
         Fifo f;
@@ -263,7 +265,7 @@ TEST_F(Sync2Test, AllBackToPoolsReturnsFrontFirstWithTheGuard) {
   EXPECT_EQ(pool.back.size(), 3u);
 }
 
-TEST_F(Sync2Test, GoBackToPoolNeedsAPool) {
+TEST_F(Sync2DeathTest, GoBackToPoolNeedsAPool) {
   expectAssertion(
       [this] {
         Guard g(group, "t.cpp", 1);
@@ -316,7 +318,7 @@ TEST_F(Sync2Test, PoolAccessAssignmentSwapsOnlyTheElements) {
   EXPECT_EQ(pool.guards, (std::vector<Guard*>{&g2, &g1}));
 }
 
-TEST_F(Sync2Test, ExceptionWhileReturningEndsTheProcess) {
+TEST_F(Sync2DeathTest, ExceptionWhileReturningEndsTheProcess) {
   auto r = runInChild([this] {
     struct ThrowingPool : Pool {
       void takeBack(Guard&, Element*) override { throw std::runtime_error("no"); }

@@ -387,7 +387,7 @@ TEST(LockGroupTimeout, WithoutTraceBufferOnlyTheMessage) {
   EXPECT_EQ(r.out, "LockGroup::lock failed in c.cpp:4 for 1sec!\n");
 }
 
-TEST(LockGroupDeath, LockAndUnlockPreconditions) {
+TEST(LockGroupDeathTest, LockAndUnlockPreconditions) {
   struct Case {
     std::function<void(LockGroup&)> call;
     int line;

@@ -10,12 +10,13 @@
 #include <thread>
 
 #include "Orvix/CppTimeCollector.hpp"
+#include "Orvix/internal/Config.hpp"
 
 static std::atomic<bool> gl_counting{false};
 static std::atomic<long> gl_newCalls{0};
 static std::atomic<long> gl_mallocCalls{0};
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if ORVIX_SANITIZER_BUILD
 #define ORVIX_COUNT_MALLOC 0
 #else
 #define ORVIX_COUNT_MALLOC 1

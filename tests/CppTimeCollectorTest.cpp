@@ -168,7 +168,7 @@ TEST(TimeCollector, StringsLiveInTheHeapAndGoBack) {
   EXPECT_TRUE(heap->allFree());
 }
 
-TEST(TimeCollector, ResetWithAStringAliveAsserts) {
+TEST(TimeCollectorDeathTest, ResetWithAStringAliveAsserts) {
   auto r = runInChild([] {
     TimeCollector tc(0);
     auto s = tc.string("noch da");
@@ -180,7 +180,7 @@ TEST(TimeCollector, ResetWithAStringAliveAsserts) {
                                  "allocator.getHeap()->allFree()"));
 }
 
-TEST(TimeCollector, DeletersWithoutOwnerAssert) {
+TEST(TimeCollectorDeathTest, DeletersWithoutOwnerAssert) {
   EXPECT_DEATH(
       {
         TimeCollector tc(0);
@@ -198,7 +198,7 @@ TEST(TimeCollector, DeletersWithoutOwnerAssert) {
       "TimeCollector\\*\\) const: Assertion `tcp' failed");
 }
 
-TEST(TimeCollector, OverflowingTheHeapAborts) {
+TEST(TimeCollectorDeathTest, OverflowingTheHeapAborts) {
   EXPECT_DEATH(
       {
         TimeCollector tc(0);

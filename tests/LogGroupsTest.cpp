@@ -1,6 +1,5 @@
 #include "Orvix/LogGroups.hpp"
 
-#include <dlfcn.h>
 #include <elf.h>
 #include <gtest/gtest.h>
 #include <link.h>

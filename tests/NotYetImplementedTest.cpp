@@ -5,7 +5,7 @@
 
 #include "TestSupport.hpp"
 
-TEST(Nyi, PrintsItsLineThenFailsFalse) {
+TEST(NyiDeathTest, PrintsItsLineThenFailsFalse) {
   auto r = orvix_test::runInChild([] { nyi::nyi("DriveVm::format"); });
   ASSERT_TRUE(r.signaled()) << r.describe();
   EXPECT_EQ(r.signal(), SIGABRT);

@@ -1,6 +1,5 @@
 #include "Orvix/RecursiveMutex.hpp"
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <time.h>
@@ -13,14 +12,6 @@
 
 #include "Orvix/GeneralException.hpp"
 #include "TestSupport.hpp"
-
-using orvix_test::CaptureFd;
-using orvix_test::runInChild;
-using util::GeneralException;
-using util::Lock;
-using util::RecursiveMutex;
-using util::TimeSpec;
-using util::WaitCond;
 
 // ---- Fault injection -----------------------------------------------------------------------------
 // glibc's mutex and condition calls hardly ever fail, so the test program interposes the ones the
@@ -111,20 +102,14 @@ int pthread_cond_timedwait(pthread_cond_t* c, pthread_mutex_t* m, const timespec
 
 }  // extern "C"
 
-namespace {
-
-using orvix_test::kWarn;
-
-TimeSpec monotonicIn(int ms) {
-  TimeSpec t;
-  t.initNow(CLOCK_MONOTONIC);
-  TimeSpec d;
-  d.initFromMs(ms);
-  t += d;
-  return t;
-}
-
-}  // namespace
+using orvix_test::CaptureFd;
+using orvix_test::deadlineIn;
+using orvix_test::runInChild;
+using util::GeneralException;
+using util::Lock;
+using util::RecursiveMutex;
+using util::TimeSpec;
+using util::WaitCond;
 
 // ---- RecursiveMutex -----------------------------------------------------------------------------
 
@@ -174,7 +159,7 @@ TEST(RecursiveMutex, NotCopyable) {
   static_assert(std::has_virtual_destructor<Lock>::value, "");
 }
 
-TEST(RecursiveMutexFatal, DestroyedWhileHeldExitsWithStatusOne) {
+TEST(RecursiveMutexDeathTest, DestroyedWhileHeldExitsWithStatusOne) {
   auto r = runInChild([] {
     auto* m = new RecursiveMutex;
     Lock held(*m);
@@ -187,7 +172,7 @@ TEST(RecursiveMutexFatal, DestroyedWhileHeldExitsWithStatusOne) {
   EXPECT_EQ(r.out, "");
 }
 
-TEST(RecursiveMutexFatal, DescriptionPerErrorNumber) {
+TEST(RecursiveMutexDeathTest, DescriptionPerErrorNumber) {
   const std::vector<std::pair<int, std::string>> cases = {
       {EBUSY, "EBUSY in pthread_mutex_destroy"},
       {EINVAL, "EINVAL in pthread_mutex_destroy"},
@@ -317,7 +302,7 @@ TEST(WaitCond, TimedwaitWithPastDeadlineTimesOutSilentlyWithTheLockHeld) {
   bool timedOut = false;
   Lock l(m);
   try {
-    l.timedwait(c, monotonicIn(-1000));
+    l.timedwait(c, deadlineIn(CLOCK_MONOTONIC, -1000));
   } catch (const util::TimedOutException&) {
     timedOut = true;
   }
@@ -330,7 +315,7 @@ TEST(WaitCond, TimedwaitKeepsTheMutexAfterTimeout) {
   RecursiveMutex m;
   WaitCond c;
   m.lock();
-  EXPECT_THROW(c.timedwait(m, monotonicIn(-1)), util::TimedOutException);
+  EXPECT_THROW(c.timedwait(m, deadlineIn(CLOCK_MONOTONIC, -1)), util::TimedOutException);
   EXPECT_EQ(m.unlock(), 0);      // held once again after the timeout
   EXPECT_EQ(m.unlock(), EPERM);  // and only once
 }
@@ -341,7 +326,7 @@ TEST(WaitCond, TimedwaitTimesOutOnTheMonotonicClock) {
   Lock l(m);
   TimeSpec start;
   start.initNow(CLOCK_MONOTONIC);
-  const TimeSpec deadline = monotonicIn(20);
+  const TimeSpec deadline = deadlineIn(CLOCK_MONOTONIC, 20);
   EXPECT_THROW(l.timedwait(c, deadline), util::TimedOutException);
   TimeSpec end;
   end.initNow(CLOCK_MONOTONIC);
@@ -359,7 +344,7 @@ TEST(WaitCond, TimedwaitWokenBeforeTheDeadlineReturns) {
   });
   {
     Lock l(m);
-    const TimeSpec deadline = monotonicIn(120000);
+    const TimeSpec deadline = deadlineIn(CLOCK_MONOTONIC, 120000);
     while (!ready) l.timedwait(c, deadline);
   }
   t.join();
@@ -388,13 +373,13 @@ TEST(WaitCondErrors, TimedwaitOtherNumbers) {
   WaitCond c;
   Lock l(m);
   failCondTimedwait = EPERM;
-  orvix_test::expectGeneralException([&] { c.timedwait(m, monotonicIn(1000)); }, "EPERM  in pthread_cond_timedwait");
+  orvix_test::expectGeneralException([&] { c.timedwait(m, deadlineIn(CLOCK_MONOTONIC, 1000)); }, "EPERM  in pthread_cond_timedwait");
   failCondTimedwait = 12345;
-  orvix_test::expectGeneralException([&] { c.timedwait(m, monotonicIn(1000)); },
+  orvix_test::expectGeneralException([&] { c.timedwait(m, deadlineIn(CLOCK_MONOTONIC, 1000)); },
                "Unexpected errno (12345)  in pthread_cond_timedwait");
   failCondTimedwait = ETIMEDOUT;
   CaptureFd out(1);
-  EXPECT_THROW(c.timedwait(m, monotonicIn(1000)), util::TimedOutException);
+  EXPECT_THROW(c.timedwait(m, deadlineIn(CLOCK_MONOTONIC, 1000)), util::TimedOutException);
   EXPECT_EQ(out.text(), "");
 }
 

@@ -1,6 +1,5 @@
 #include "Orvix/SafeLinuxCalls.hpp"
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
@@ -12,10 +11,12 @@
 
 #include "TestSupport.hpp"
 
-using orvix_test::assertionLine;
 using orvix_test::CaptureFd;
+using orvix_test::checkedCallFailure;
 using orvix_test::errorText;
 using orvix_test::runInChild;
+using orvix_test::safeAbortLine;
+using orvix_test::safePosixAbortLine;
 
 namespace {
 bool reportErrnoAtAssert = false;
@@ -30,8 +31,9 @@ extern "C" void __assert_fail(const char* assertion, const char* file, unsigned 
     fflush(stdout);
     _exit(3);
   }
-  using Real = void (*)(const char*, const char*, unsigned int, const char*);
-  auto real = reinterpret_cast<Real>(dlsym(RTLD_NEXT, "__assert_fail"));
+  auto real =
+      orvix_test::nextSymbol<void (*)(const char*, const char*, unsigned int, const char*)>(
+          "__assert_fail");
   real(assertion, file, line, function);
   abort();
 }
@@ -39,11 +41,6 @@ extern "C" void __assert_fail(const char* assertion, const char* file, unsigned 
 namespace {
 
 const char* kSig = "int util::CountingSemaphore::getValue()";
-
-std::string failureLine(const char* sig, const char* file, int line, int err) {
-  return std::string(sig) + " failed in " + file + ":" + std::to_string(line) + " - (" +
-         std::to_string(err) + ") " + errorText(err) + "\n";
-}
 
 }  // namespace
 
@@ -61,7 +58,7 @@ TEST(Safe, NonFatalPrintsOneLineAndReturnsMinusOne) {
   CaptureFd err(2);
   errno = 22;
   EXPECT_EQ(util::safe(kSig, "Orvix/CountingSemaphore", 251, -1, false), -1);
-  EXPECT_EQ(err.text(), failureLine(kSig, "Orvix/CountingSemaphore", 251, 22));
+  EXPECT_EQ(err.text(), checkedCallFailure(kSig, "Orvix/CountingSemaphore", 251, 22));
 }
 
 TEST(Safe, ExampleLineOfGetValue) {
@@ -73,7 +70,7 @@ TEST(Safe, ExampleLineOfGetValue) {
                             errorText(22) + "\n");
 }
 
-TEST(Safe, FatalPrintsThenFailsItsAssertion) {
+TEST(SafeDeathTest, FatalPrintsThenFailsItsAssertion) {
   auto r = runInChild([] {
     errno = EINTR;
     util::safe("void util::CountingSemaphore::doWait(const util::TimeSpec*)",
@@ -82,11 +79,9 @@ TEST(Safe, FatalPrintsThenFailsItsAssertion) {
   ASSERT_TRUE(r.signaled()) << r.describe();
   EXPECT_EQ(r.signal(), SIGABRT);
   EXPECT_EQ(r.err,
-            failureLine("void util::CountingSemaphore::doWait(const util::TimeSpec*)",
-                        "Orvix/CountingSemaphore", 147, EINTR) +
-                assertionLine("Orvix/SafeLinuxCalls", 32,
-                              "int util::safe(const char*, const char*, int, int, bool)",
-                              "linuxFuncResult != -1"));
+            checkedCallFailure("void util::CountingSemaphore::doWait(const util::TimeSpec*)",
+                               "Orvix/CountingSemaphore", 147, EINTR) +
+                safeAbortLine());
   EXPECT_EQ(r.out, "");
 }
 
@@ -104,7 +99,7 @@ TEST(SafePosix, ZeroPassesSilently) {
   EXPECT_EQ(err.text(), "");
 }
 
-TEST(SafePosix, NonZeroPrintsStoresErrnoAndAborts) {
+TEST(SafePosixDeathTest, NonZeroPrintsStoresErrnoAndAborts) {
   for (int code : {3, 22, 35, -1, 1}) {
     auto r = runInChild([code] {
       errno = 0;
@@ -115,16 +110,14 @@ TEST(SafePosix, NonZeroPrintsStoresErrnoAndAborts) {
     ASSERT_TRUE(r.signaled()) << r.describe();
     EXPECT_EQ(r.signal(), SIGABRT);
     EXPECT_EQ(r.err,
-              failureLine("orvix::Pthread::Pthread(int, int, int, void* (*)(void*), void*)",
-                          "Orvix/CppPthread", 77, code) +
-                  assertionLine("Orvix/SafeLinuxCalls", 50,
-                                "int util::safePosix(const char*, const char*, int, int)",
-                                "posixFuncResult == 0"))
+              checkedCallFailure("orvix::Pthread::Pthread(int, int, int, void* (*)(void*), void*)",
+                                 "Orvix/CppPthread", 77, code) +
+                  safePosixAbortLine())
         << "code " << code;
   }
 }
 
-TEST(SafePosix, ErrnoHoldsTheResultWhenItAborts) {
+TEST(SafePosixDeathTest, ErrnoHoldsTheResultWhenItAborts) {
   auto r = runInChild([] {
     reportErrnoAtAssert = true;
     errno = 0;

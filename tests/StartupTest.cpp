@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 
 #include "Orvix/ImplementedFunc.hpp"
-#include "Orvix/ThreadKey.hpp"
 #include "Orvix/ThreadSafeStream.hpp"
+#include "Orvix/internal/ThreadKey.hpp"
 
 namespace {
 int seenInterface = -1;

@@ -150,6 +150,33 @@ void expectAssertion(const std::function<void()>& fn, const std::string& file, i
   EXPECT_EQ(r.out, "");
 }
 
+std::string checkedCallFailure(const std::string& funcName, const std::string& file, int line,
+                               int err) {
+  return funcName + " failed in " + file + ":" + std::to_string(line) + " - (" +
+         std::to_string(err) + ") " + errorText(err) + "\n";
+}
+
+std::string safeAbortLine() {
+  return assertionLine("Orvix/SafeLinuxCalls", 32,
+                       "int util::safe(const char*, const char*, int, int, bool)",
+                       "linuxFuncResult != -1");
+}
+
+std::string safePosixAbortLine() {
+  return assertionLine("Orvix/SafeLinuxCalls", 50,
+                       "int util::safePosix(const char*, const char*, int, int)",
+                       "posixFuncResult == 0");
+}
+
+util::TimeSpec deadlineIn(clockid_t clock, int ms) {
+  util::TimeSpec t;
+  t.initNow(clock);
+  util::TimeSpec d;
+  d.initFromMs(ms);
+  t += d;
+  return t;
+}
+
 std::string errorText(int err) {
   char buffer[256];
   return strerror_r(err, buffer, sizeof buffer);
@@ -199,6 +226,5 @@ bool canUseRealtime(std::string* reason) {
   pthread_setschedparam(pthread_self(), policy, &old);
   return true;
 }
-
 
 }  // namespace orvix_test

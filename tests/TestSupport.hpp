@@ -5,17 +5,45 @@
 // exits or changes process-wide state. Lines the emulator adds to standard error ("qemu: ...")
 // are removed, so expectations hold under qemu-arm as on the host.
 // CaptureFd captures one of the process's own descriptors (1 or 2) in-process.
+//
+// Tests of a process that ends (assertion, abort, exit, terminate) live in suites named
+// <Something>DeathTest, which GoogleTest runs first, before other tests have started threads.
+// Which tool for such a test:
+//   expectAssertion  the library's quoted assertions: the exact line __assert_fail prints, and
+//                    nothing else on standard error or standard output. The first choice.
+//   runInChild       the process ends after printing something of its own (a checked call's
+//                    failure line, a "FEHLER: " or "FATAL ERROR: " text), exits with a status,
+//                    or the test needs the exact output and the way it ended.
+//   EXPECT_DEATH     only a pattern is known (a line number taken from __LINE__), or the test
+//                    goes on in-process afterwards with the object that was not destroyed.
+//
+// Interposing a system call: the test program defines the C symbol itself (test programs
+// export their symbols, so the library's calls reach the definition first), reaches the real
+// function through nextSymbol, and arms faults with plain counters read once through takeArmed:
+//   thread_local int failSemPost = 0;
+//   extern "C" int sem_post(sem_t* s) __THROWNL {
+//     static auto real = orvix_test::nextSymbol<int (*)(sem_t*)>("sem_post");
+//     if (const int r = orvix_test::takeArmed(failSemPost)) return r;
+//     return real(s);
+//   }
+// A thread_local counter arms the calling thread only; a std::atomic<int> arms whichever thread
+// calls next.
 #pragma once
 
 #include <dlfcn.h>
 #include <sys/types.h>
+#include <time.h>
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <string>
 
 #include "Orvix/GeneralException.hpp"
+#include "Orvix/TimeSpec.hpp"
 
 namespace orvix_test {
 
@@ -79,18 +107,43 @@ inline int takeArmed(int& armed) {
   armed = 0;
   return result;
 }
+inline int takeArmed(std::atomic<int>& armed) { return armed.exchange(0); }
 
-// The next definition of name after the test program's own (the real system call).
+// The next definition of name after the test program's own (the real system call). A name
+// that is not found ends the program at once rather than by a call through null later.
 template <class F>
 F nextSymbol(const char* name) {
-  return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
+  void* const symbol = dlsym(RTLD_NEXT, name);
+  if (symbol == nullptr) {
+    std::fprintf(stderr, "nextSymbol: no definition of %s after the test program's\n", name);
+    std::abort();
+  }
+  return reinterpret_cast<F>(symbol);
 }
 
 // The same for a symbol glibc keeps in several versions: the definition of exactly that version.
 template <class F>
 F nextSymbol(const char* name, const char* version) {
-  return reinterpret_cast<F>(dlvsym(RTLD_NEXT, name, version));
+  void* const symbol = dlvsym(RTLD_NEXT, name, version);
+  if (symbol == nullptr) {
+    std::fprintf(stderr, "nextSymbol: no definition of %s@%s after the test program's\n", name,
+                 version);
+    std::abort();
+  }
+  return reinterpret_cast<F>(symbol);
 }
+
+// The line util::safe and util::safePosix print for a failed call (funcName being the caller's
+// signature), before they abort or return.
+std::string checkedCallFailure(const std::string& funcName, const std::string& file, int line,
+                               int err);
+// The assertion line with which util::safe ends the process for a fatal failure.
+std::string safeAbortLine();
+// The assertion line with which util::safePosix ends the process.
+std::string safePosixAbortLine();
+
+// Now on clock plus ms milliseconds (ms may be negative: a point in the past).
+util::TimeSpec deadlineIn(clockid_t clock, int ms);
 
 // What a GeneralException prints on standard output when it is constructed, before its message.
 inline const std::string kWarn =

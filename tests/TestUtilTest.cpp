@@ -87,12 +87,7 @@ namespace {
 
 // Places the start of l ms milliseconds before now (after it for a negative ms).
 void startAgo(util::TimeLimit& l, int ms) {
-  util::TimeSpec now;
-  now.initNow(CLOCK_MONOTONIC);
-  util::TimeSpec back;
-  back.initFromMs(ms);
-  now -= back;
-  l.start = now;
+  l.start = orvix_test::deadlineIn(CLOCK_MONOTONIC, -ms);
 }
 
 const std::string kDiffLine = "diff: TimeSpec\\((-?[0-9]+)s; (-?[0-9]+)ns\\)\n";

@@ -1,4 +1,4 @@
-#include "Orvix/ThreadKey.hpp"
+#include "Orvix/internal/ThreadKey.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,5 @@
 #include "Orvix/Thread.hpp"
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
@@ -17,13 +16,8 @@
 #include <vector>
 
 #include "Orvix/GeneralException.hpp"
-#include "Orvix/ThreadKey.hpp"
+#include "Orvix/internal/ThreadKey.hpp"
 #include "TestSupport.hpp"
-
-using orvix_test::CaptureFd;
-using orvix_test::runInChild;
-using util::GeneralException;
-using util::Thread;
 
 // ---- Fault injection -----------------------------------------------------------------------------
 // Armed for the calling thread, the next call returns the armed number instead of running;
@@ -74,6 +68,11 @@ int pthread_attr_getschedpolicy(const pthread_attr_t* a, int* p) __THROW {
 }
 
 }  // extern "C"
+
+using orvix_test::CaptureFd;
+using orvix_test::runInChild;
+using util::GeneralException;
+using util::Thread;
 
 namespace {
 
@@ -280,7 +279,7 @@ TEST(Thread, DestroyingAFailedJoinIsWritten) {
   EXPECT_EQ(r.out, "");
 }
 
-TEST(Thread, DestroyingARunningThreadAborts) {
+TEST(ThreadDeathTest, DestroyingARunningThreadAborts) {
   auto r = runInChild([] {
     std::atomic<bool> running{false};
     auto* t = new TestThread("busy", [&] {
@@ -296,7 +295,7 @@ TEST(Thread, DestroyingARunningThreadAborts) {
   EXPECT_EQ(r.err, "\n\n**** Thread must not be deleted while it is running!\n");
 }
 
-TEST(Thread, DestroyingAStartingThreadAborts) {
+TEST(ThreadDeathTest, DestroyingAStartingThreadAborts) {
   auto r = runInChild([] {
     auto* t = new TestThread("starting");
     t->in().mutex.lock();  // keeps it in TS_STARTING
@@ -332,7 +331,7 @@ TEST(Thread, CreateFailure) {
   EXPECT_EQ(joinCalls, 0);  // nothing was reaped for failed starts
 }
 
-TEST(Thread, CancelFailureFailsTheThread) {
+TEST(ThreadDeathTest, CancelFailureFailsTheThread) {
   // The body then ends in TS_FAILED, which its end bookkeeping reports and throws from the
   // thread key's destructor: the process ends.
   auto r = runInChild([] {

@@ -1,4 +1,4 @@
-// The thread-specific key of util::Thread.
+// The thread-specific key of util::Thread (internal to the library and its tests; not installed).
 //
 // Created at load (after zu::ImplementedFunc's set, before the console streams) with the
 // function that ends a thread's bookkeeping as its destructor, and deleted at unload after every

@@ -3,9 +3,12 @@
 // Orvix_constructor runs first (the build-interface check), then the library's process-wide
 // objects in a fixed order that does not depend on link order. Objects are destroyed in reverse
 // at unload. Each number is a GCC init priority: objects are declared with
-// __attribute__((init_priority(ORVIX_INIT_...))), functions with constructor(ORVIX_INIT_...).
-// Internal to the library; not installed for clients to depend on the numbers.
+// ORVIX_INIT_PRIORITY(ORVIX_INIT_...), functions with ORVIX_INIT_FUNCTION(ORVIX_INIT_...)
+// (Orvix/internal/Config.hpp). Internal to the library; not installed, so that clients cannot
+// come to depend on the numbers.
 #pragma once
+
+#include "Orvix/internal/Config.hpp"
 
 #define ORVIX_INIT_BUILD_CHECK 101
 // The standard streams and the guard that deletes the thread key after every other object.

@@ -1,10 +1,10 @@
-#include "Orvix/ThreadKey.hpp"
+#include "Orvix/internal/ThreadKey.hpp"
 
 #include <cerrno>
 #include <iostream>
 
-#include "Orvix/StartupOrder.hpp"
 #include "Orvix/Thread.hpp"
+#include "Orvix/internal/StartupOrder.hpp"
 
 namespace util {
 
@@ -54,8 +54,8 @@ struct ThreadKeyDeleter {
   }
 };
 
-ThreadKeyDeleter threadKeyDeleter __attribute__((init_priority(ORVIX_INIT_STREAMS)));
-ThreadKeyCreator threadKeyCreator __attribute__((init_priority(ORVIX_INIT_THREAD_KEY)));
+ThreadKeyDeleter threadKeyDeleter ORVIX_INIT_PRIORITY(ORVIX_INIT_STREAMS);
+ThreadKeyCreator threadKeyCreator ORVIX_INIT_PRIORITY(ORVIX_INIT_THREAD_KEY);
 
 }  // namespace
 }  // namespace util
