@@ -2,15 +2,19 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <functional>
 #include <mutex>
+#include <sstream>
 #include <thread>
 
 namespace orvix_stress {
@@ -108,15 +112,7 @@ void repeatExactly(int n, const char* unit, const std::function<void(int round)>
   std::fflush(stdout);
 }
 
-int threadCount() {
-  DIR* dir = opendir("/proc/self/task");
-  if (dir == nullptr) return -1;
-  int n = 0;
-  while (const dirent* e = readdir(dir))
-    if (e->d_name[0] != '.') ++n;
-  closedir(dir);
-  return n;
-}
+int threadCount() { return static_cast<int>(threadIds().size()); }
 
 bool threadsBackTo(int n) {
   const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(kRoundLimitSeconds);
@@ -125,6 +121,105 @@ bool threadsBackTo(int n) {
     std::this_thread::sleep_for(std::chrono::microseconds(200));
   }
   return true;
+}
+
+std::set<pid_t> threadIds() {
+  std::set<pid_t> ids;
+  DIR* dir = opendir("/proc/self/task");
+  if (dir == nullptr) return ids;
+  while (const dirent* e = readdir(dir))
+    if (e->d_name[0] != '.') ids.insert(static_cast<pid_t>(std::atoi(e->d_name)));
+  closedir(dir);
+  return ids;
+}
+
+pid_t newThread(const std::set<pid_t>& before) {
+  pid_t found = 0;
+  for (pid_t id : threadIds()) {
+    if (before.count(id) != 0) continue;
+    if (found != 0) return 0;
+    found = id;
+  }
+  return found;
+}
+
+bool blockedInside(pid_t tid, const void* object, std::size_t size) {
+  // "<number> <arg1> ..." while the thread is blocked in a system call, "running" otherwise.
+  std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/syscall");
+  std::string line;
+  if (!std::getline(in, line)) return false;
+  std::istringstream fields(line);
+  long number = -1;
+  std::string arg1;
+  if (!(fields >> number >> arg1) || number != SYS_futex) return false;
+  const auto word = static_cast<std::uintptr_t>(std::strtoull(arg1.c_str(), nullptr, 16));
+  const auto begin = reinterpret_cast<std::uintptr_t>(object);
+  return word >= begin && word < begin + size;
+}
+
+bool awaitBlockedInside(pid_t tid, const void* object, std::size_t size) {
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(kRoundLimitSeconds);
+  while (!blockedInside(tid, object, size)) {
+    if (std::chrono::steady_clock::now() > limit) return false;
+    std::this_thread::sleep_for(std::chrono::microseconds(100));
+  }
+  return true;
+}
+
+void Gate::pass() {
+  if (!closed_) return;
+  held_ = static_cast<std::uintptr_t>(pthread_self());
+  while (closed_) std::this_thread::yield();
+}
+
+bool Gate::awaitHeld() const {
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(kRoundLimitSeconds);
+  while (held_ == 0) {
+    if (std::chrono::steady_clock::now() > limit) return false;
+    std::this_thread::yield();
+  }
+  return true;
+}
+
+void Calls::begin() {
+  if (++active_ != 1) ++overlaps;
+  const auto self = static_cast<pid_t>(syscall(SYS_gettid));
+  pid_t first = 0;
+  if (!thread.compare_exchange_strong(first, self) && first != self) ++elsewhere;
+  if (gate.isOpen() && gate.heldThread() != 0) ++afterHeld;
+  ++count;
+  gate.pass();
+}
+
+bool Calls::awaitMore(int n) const {
+  const int target = count + n;
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(kRoundLimitSeconds);
+  while (count < target) {
+    if (std::chrono::steady_clock::now() > limit) return false;
+    std::this_thread::yield();
+  }
+  return true;
+}
+
+bool destroyWhileHeld(Gate& gate, const std::function<void()>& destroy) {
+  if (!gate.awaitHeld()) {
+    gate.open();
+    destroy();
+    return false;
+  }
+  std::atomic<pid_t> destroyer{0};
+  std::thread t([&] {
+    destroyer = static_cast<pid_t>(syscall(SYS_gettid));
+    destroy();
+  });
+  while (destroyer == 0) std::this_thread::yield();
+  // pthread_join waits on a word of the joined thread's descriptor, which its pthread_t points
+  // to; the descriptor is well under a page.
+  const bool joining =
+      awaitBlockedInside(destroyer, reinterpret_cast<const void*>(gate.heldThread()), 4096);
+  gate.open();
+  t.join();
+  return joining;
 }
 
 void spin(int n) {
