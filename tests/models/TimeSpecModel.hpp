@@ -71,8 +71,10 @@ struct TimeSpecModel {
   }
 
   // The value as one count of nanoseconds, cut back into fields by truncating division: the
-  // normalised form when the seconds do not wrap.
+  // normalised form of {sec, nsec} when neither the seconds given nor those of the result
+  // leave 32 bits. False where they do.
   static bool byTotal(int64_t sec, int64_t nsec, TimeSpecModel* out) {
+    if (sec != wrap32(sec)) return false;
     const int64_t total = sec * kNsPerSec + nsec;
     const int64_t s = total / kNsPerSec;
     if (s != wrap32(s)) return false;
