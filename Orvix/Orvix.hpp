@@ -1,7 +1,11 @@
 // Umbrella header: every public header of the library.
 #pragma once
 
+#include "Orvix/Bitmaps.hpp"
+#include "Orvix/BufferToFileThread.hpp"
 #include "Orvix/CountingSemaphore.hpp"
+#include "Orvix/CppBitStream.hpp"
+#include "Orvix/CppBits.hpp"
 #include "Orvix/CppBlockingQueue.hpp"
 #include "Orvix/CppCapacityControl.hpp"
 #include "Orvix/CppCoreDump.hpp"
@@ -9,6 +13,7 @@
 #include "Orvix/CppFastAllocator.hpp"
 #include "Orvix/CppLimitedBuffer.hpp"
 #include "Orvix/CppLimitedStateValueBuffer.hpp"
+#include "Orvix/CppLinuxTimer.hpp"
 #include "Orvix/CppMystring.hpp"
 #include "Orvix/CppNonlockingPool.hpp"
 #include "Orvix/CppPthread.hpp"
@@ -23,8 +28,10 @@
 #include "Orvix/LinuxPipe.hpp"
 #include "Orvix/Locale.hpp"
 #include "Orvix/LogGroups.hpp"
+#include "Orvix/NonLockingWaitThread.hpp"
 #include "Orvix/NotYetImplemented.hpp"
 #include "Orvix/OrvixAssert.hpp"
+#include "Orvix/PollingThread.hpp"
 #include "Orvix/RecursiveMutex.hpp"
 #include "Orvix/SafeLinuxCalls.hpp"
 #include "Orvix/ScanDir.hpp"
@@ -33,6 +40,7 @@
 #include "Orvix/Thread.hpp"
 #include "Orvix/ThreadSafeStream.hpp"
 #include "Orvix/TimeSpec.hpp"
+#include "Orvix/WaitThread.hpp"
 #include "Orvix/sqlite3cpp.hpp"
 
 #include "zufs/Drive.hpp"

@@ -121,6 +121,18 @@ F nextSymbol(const char* name) {
   return reinterpret_cast<F>(symbol);
 }
 
+// The same for a symbol glibc keeps in several versions: the definition of exactly that version.
+template <class F>
+F nextSymbol(const char* name, const char* version) {
+  void* const symbol = dlvsym(RTLD_NEXT, name, version);
+  if (symbol == nullptr) {
+    std::fprintf(stderr, "nextSymbol: no definition of %s@%s after the test program's\n", name,
+                 version);
+    std::abort();
+  }
+  return reinterpret_cast<F>(symbol);
+}
+
 // The line util::safe and util::safePosix print for a failed call (funcName being the caller's
 // signature), before they abort or return.
 std::string checkedCallFailure(const std::string& funcName, const std::string& file, int line,
