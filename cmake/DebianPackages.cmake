@@ -94,14 +94,14 @@ if(CMAKE_CROSSCOMPILING)
   endif()
 endif()
 
-# Settings cpack needs at packaging time: dpkg-shlibdeps must read the target's symbols files
-# and use the target's objdump; Multi-Arch is added to the finished packages.
-set(CPACK_PROJECT_CONFIG_FILE "${CMAKE_BINARY_DIR}/DebianPackagesCPack.cmake")
-file(WRITE "${CPACK_PROJECT_CONFIG_FILE}"
-  "set(ENV{DEB_HOST_ARCH} \"${ORVIX_DEB_ARCH}\")\n"
-  "if(NOT EXISTS \"${orvix_standins_dir}/libRoLog.so\")\n"
-  "  message(FATAL_ERROR \"the stand-ins are not built in ${orvix_standins_dir}\")\n"
-  "endif()\n")
+# Settings cpack needs at packaging time (cmake/DebianCPackConfig.cmake): dpkg-shlibdeps must
+# read the target's symbols files, and the stand-ins' symbols file is checked against what they
+# export. Multi-Arch is added to the finished packages.
+set(CPACK_PROJECT_CONFIG_FILE ${CMAKE_CURRENT_LIST_DIR}/DebianCPackConfig.cmake)
+set(CPACK_ORVIX_DEB_ARCH ${ORVIX_DEB_ARCH})
+set(CPACK_ORVIX_NM ${CMAKE_NM})
+set(CPACK_ORVIX_STANDINS_DIR "${orvix_standins_dir}")
+set(CPACK_ORVIX_STANDINS_SYMBOLS "${orvix_standins_dir}/DEBIAN/symbols")
 set(CPACK_POST_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/DebianMultiArch.cmake)
 
 # ---- liborvix1 --------------------------------------------------------------------------
