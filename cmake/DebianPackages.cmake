@@ -41,6 +41,17 @@ set(ORVIX_DEB_PLATFORM_VIRTUALS "librolog, libcheckbuildversion, libeasyasync")
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL runtime dev platform)
+# An install rule of another component (an install() without COMPONENT is "Unspecified") would
+# go into no package unnoticed: checked once every rule is known.
+function(orvix_deb_check_components)
+  get_cmake_property(components COMPONENTS)
+  list(REMOVE_ITEM components ${CPACK_COMPONENTS_ALL})
+  if(components)
+    message(FATAL_ERROR "install component(s) ${components} belong to no Debian package: give "
+      "each install() rule COMPONENT runtime, dev or platform")
+  endif()
+endfunction()
+cmake_language(DEFER CALL orvix_deb_check_components)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_PACKAGE_NAME orvix)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
