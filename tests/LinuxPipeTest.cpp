@@ -124,23 +124,15 @@ struct Trace {
   std::string text;                      // all of it but the child's "pid=0" line
 };
 
-// The child writes "pid=0" to the same standard error at any time before it execs, so its line
-// may stand anywhere after the descriptor line: it must be there once, as a whole line, and is
-// taken out; the rest is compared whole.
+// The child writes "pid=0" to the same standard error at any time before it execs, in one write,
+// while the parent writes its own lines piece by piece (std::cerr writes every << on its own): the
+// child's line may stand anywhere after the descriptor line, even inside one of the parent's
+// lines. It must be there exactly once and is taken out; the rest is compared whole.
 Trace parseTrace(const std::string& all) {
   Trace t;
   const std::string childLine = "pid=0\n";
-  std::size_t at = std::string::npos;
-  for (std::size_t pos = 0; pos < all.size();) {
-    const std::size_t end = all.find('\n', pos);
-    if (end == std::string::npos) break;
-    if (all.compare(pos, end + 1 - pos, childLine) == 0) {
-      if (at != std::string::npos) return t;  // twice
-      at = pos;
-    }
-    pos = end + 1;
-  }
-  if (at == std::string::npos) return t;
+  const std::size_t at = all.find(childLine);
+  if (at == std::string::npos || all.find(childLine, at + 1) != std::string::npos) return t;
   t.text = all;
   t.text.erase(at, childLine.size());
   static const std::regex head(

@@ -192,6 +192,22 @@ class PollingThreadTest : public ::testing::Test {
            waitUntilBlocked(worker) && sleepsInside() == 0;
   }
 
+  // The handler stops the polling from inside its n-th event.
+  void stopAtEvent(std::size_t n) {
+    handler.setOnEvent([this, n](std::size_t i) {
+      if (i == n) raw->stop();
+    });
+  }
+
+  // Starts, lets the handler stop at its n-th event and expects the worker idle after exactly n.
+  void runUntilStoppedAt(std::size_t n) {
+    stopAtEvent(n);
+    polling->start();
+    ASSERT_TRUE(handler.awaitEvents(n));
+    ASSERT_TRUE(awaitIdle());
+    EXPECT_EQ(handler.count(), n);
+  }
+
   Handler handler;
   std::unique_ptr<PollingThread> polling;
   // For the handler's actions: still valid while polling's destructor runs.
@@ -208,13 +224,7 @@ TEST_F(PollingThreadTest, DoesNotPollBeforeStart) {
   ASSERT_TRUE(awaitIdle());
   EXPECT_EQ(handler.count(), 0u);
   EXPECT_EQ(sleepCalls(), 0u);
-  handler.setOnEvent([this](std::size_t n) {
-    if (n == 3) raw->stop();
-  });
-  polling->start();
-  ASSERT_TRUE(handler.awaitEvents(3));
-  ASSERT_TRUE(awaitIdle());
-  EXPECT_EQ(handler.count(), 3u);
+  ASSERT_NO_FATAL_FAILURE(runUntilStoppedAt(3));
   EXPECT_EQ(handler.threadOf(0), worker);
 }
 
@@ -276,21 +286,9 @@ TEST_F(PollingThreadTest, StopEndsPollingWithoutAFurtherEventAndStartResumes) {
 TEST_F(PollingThreadTest, StopFromTheHandlerEndsAfterThatEvent) {
   controlSleeps();
   build(0);
-  handler.setOnEvent([this](std::size_t n) {
-    if (n == 5) raw->stop();
-  });
-  polling->start();
-  ASSERT_TRUE(handler.awaitEvents(5));
-  ASSERT_TRUE(awaitIdle());
-  EXPECT_EQ(handler.count(), 5u);
+  ASSERT_NO_FATAL_FAILURE(runUntilStoppedAt(5));
   // And once more after a new start.
-  handler.setOnEvent([this](std::size_t n) {
-    if (n == 7) raw->stop();
-  });
-  polling->start();
-  ASSERT_TRUE(handler.awaitEvents(7));
-  ASSERT_TRUE(awaitIdle());
-  EXPECT_EQ(handler.count(), 7u);
+  ASSERT_NO_FATAL_FAILURE(runUntilStoppedAt(7));
 }
 
 TEST_F(PollingThreadTest, StartWhileRunningIsIgnored) {
@@ -311,13 +309,7 @@ TEST_F(PollingThreadTest, StopWhileIdleIsIgnored) {
   build(0);
   ASSERT_TRUE(awaitIdle());
   polling->stop();
-  handler.setOnEvent([this](std::size_t n) {
-    if (n == 2) raw->stop();
-  });
-  polling->start();
-  ASSERT_TRUE(handler.awaitEvents(2));
-  ASSERT_TRUE(awaitIdle());
-  EXPECT_EQ(handler.count(), 2u);
+  ASSERT_NO_FATAL_FAILURE(runUntilStoppedAt(2));
 }
 
 TEST_F(PollingThreadTest, StopRightAfterStartIsIgnored) {
@@ -328,9 +320,7 @@ TEST_F(PollingThreadTest, StopRightAfterStartIsIgnored) {
   controlSleeps();
   build(0);
   ASSERT_TRUE(awaitIdle());
-  handler.setOnEvent([this](std::size_t n) {
-    if (n == 3) raw->stop();
-  });
+  stopAtEvent(3);
 
   cpu_set_t one, all, mine;
   CPU_ZERO(&one);
@@ -446,9 +436,7 @@ TEST_F(PollingThreadTest, RealSignalsDuringTheRealSleepDoNotShortenIt) {
   }
   constexpr int kIntervalUs = 200000;
   build(kIntervalUs);
-  handler.setOnEvent([this](std::size_t n) {
-    if (n == 2) raw->stop();
-  });
+  stopAtEvent(2);
   polling->start();
   ASSERT_TRUE(handler.awaitEvents(1));
   std::atomic<bool> done{false};
@@ -473,13 +461,7 @@ TEST_F(PollingThreadTest, RealSignalsDuringTheRealSleepDoNotShortenIt) {
 
 TEST_F(PollingThreadTest, RealSleepsBetweenEvents) {
   build(1000);
-  handler.setOnEvent([this](std::size_t n) {
-    if (n == 5) raw->stop();
-  });
-  polling->start();
-  ASSERT_TRUE(handler.awaitEvents(5));
-  ASSERT_TRUE(awaitIdle());
-  EXPECT_EQ(handler.count(), 5u);
+  ASSERT_NO_FATAL_FAILURE(runUntilStoppedAt(5));
   for (std::size_t i = 1; i < 5; ++i)
     EXPECT_GE(microsecondsBetween(handler.timeOf(i - 1), handler.timeOf(i)), 1000);
 }
