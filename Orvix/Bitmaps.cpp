@@ -228,15 +228,24 @@ typedef uint16_t Lanes16 __attribute__((vector_size(16)));
 #if defined(__x86_64__)
 #define ORVIX_ROWS_AVX2 1
 // The same loops with 32-byte vectors, compiled for processors with AVX2 and used only there.
+// (clang spells the switch of instruction set for a stretch of functions its own way.)
+#ifdef __clang__
+#pragma clang attribute push(__attribute__((target("avx2"))), apply_to = function)
+#else
 #pragma GCC push_options
 #pragma GCC target("avx2")
+#endif
 namespace avx2 {
 typedef uint16_t Lanes32 __attribute__((vector_size(32)));
 #define ORVIX_ROW_LANES Lanes32
 #include "Orvix/internal/BitmapRows.inc"
 #undef ORVIX_ROW_LANES
 }  // namespace avx2
+#ifdef __clang__
+#pragma clang attribute pop
+#else
 #pragma GCC pop_options
+#endif
 #endif
 
 bool cpuHasAvx2() {

@@ -112,7 +112,8 @@ class PrepStat {
  private:
   // A State value.
   int state;
-  DbCon& db;
+  // The connection the statement was prepared on; kept with the statement, read by nothing yet.
+  [[maybe_unused]] DbCon& db;
   // Null until prepared and after finalizing.
   sqlite3_stmt* stmt;
 };

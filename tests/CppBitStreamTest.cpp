@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <random>
@@ -13,6 +12,7 @@
 #include <vector>
 
 #include "TestSupport.hpp"
+#include "models/BitStreamModel.hpp"
 
 namespace {
 
@@ -432,51 +432,9 @@ TEST(BitOutputStreamDeathTest, CountReachingPastBit63AbortsInBits) {
                        "lowBitIdx"));
 }
 
-// ---- differential tests against a list of bits ----------------------------------------------
+// ---- differential tests against a list of bits (models/BitStreamModel.hpp) ------------------
 
-namespace {
-
-// What the sink must hold: flushed bytes, least significant bit first, plus the pending bits.
-struct OutputModel {
-  std::vector<uint8_t> sink;
-  std::deque<bool> pending;
-  bool ended = false;  // a flush left a partial byte: writes would abort
-
-  void emit(int count) {
-    uint8_t byte = 0;
-    for (int i = 0; i < count; ++i) {
-      if (!pending.empty()) {
-        if (pending.front()) byte = static_cast<uint8_t>(byte | (1u << (i % 8)));
-        pending.pop_front();
-      }
-      if (i % 8 == 7) {
-        sink.push_back(byte);
-        byte = 0;
-      }
-    }
-  }
-  void write(int lowBitIdx, int numBits, uint32_t value) {
-    for (int i = 0; i < numBits; ++i) {
-      const int idx = lowBitIdx + i;
-      pending.push_back(idx < 32 && ((value >> idx) & 1u) != 0);
-    }
-    // A full word never stays pending after a write.
-    while (pending.size() >= 32) emit(32);
-  }
-  void flush() {
-    if (pending.empty()) return;
-    const int count = static_cast<int>(pending.size());
-    emit((count + 7) / 8 * 8);
-    if (count % 8 != 0) ended = true;
-  }
-  void reset() {
-    sink.clear();
-    pending.clear();
-    ended = false;
-  }
-};
-
-}  // namespace
+using orvix_model::OutputModel;
 
 TEST(BitOutputStreamDifferential, RandomWritesFlushesAndResetsMatchABitList) {
   std::mt19937 rng(0xB175);
@@ -519,25 +477,16 @@ TEST(BitInputStreamDifferential, RandomReadsMatchABitList) {
     for (auto& b : data) b = static_cast<uint8_t>(rng());
     CountingSource src(data);
     auto in = BitInputStream::create(src);
-    // Bit i of the input, zero past the end.
-    auto bitAt = [&data](std::size_t i) {
-      return i / 8 < data.size() && ((data[i / 8] >> (i % 8)) & 1) != 0;
-    };
-    std::size_t pos = 0;
+    orvix_model::InputModel model{data};
     for (int step = 0; step < 60; ++step) {
       if (rng() % 4 == 0) {
-        ASSERT_EQ(in->read(), bitAt(pos)) << "round " << round << " step " << step;
-        ++pos;
+        ASSERT_EQ(in->read(), model.read()) << "round " << round << " step " << step;
       } else {
         const int n = 1 + static_cast<int>(rng() % 32);
-        uint32_t expected = 0;
-        for (int i = 0; i < n; ++i)
-          if (bitAt(pos + static_cast<std::size_t>(i))) expected |= 1u << i;
-        ASSERT_EQ(in->read(n), expected) << "round " << round << " step " << step << " n " << n;
-        pos += static_cast<std::size_t>(n);
+        ASSERT_EQ(in->read(n), model.read(n)) << "round " << round << " step " << step << " n " << n;
       }
       // Exactly the bytes holding the bits read so far have been fetched.
-      ASSERT_EQ(static_cast<std::size_t>(src.calls), (pos + 7) / 8);
+      ASSERT_EQ(static_cast<std::size_t>(src.calls), model.bytesFetched());
     }
   }
 }

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "TestSupport.hpp"
+#include "models/ParseNumModel.hpp"
 
 using orvix::TextFileDataIO;
 using orvix_test::CaptureFd;
@@ -584,36 +585,9 @@ TEST(ParseNum, DecimalRejectsEveryNonDigit) {
 
 namespace {
 
-// Reference: the value of a digit string modulo 2^64, by chunks of up to 19 digits (which never
-// overflow) instead of digit by digit.
-uint64_t decimalModulo(const std::string& digits) {
-  uint64_t value = 0;
-  for (std::size_t at = 0; at < digits.size();) {
-    const std::size_t length = std::min<std::size_t>(19, digits.size() - at);
-    uint64_t chunk = 0;
-    std::from_chars(digits.data() + at, digits.data() + at + length, chunk);
-    uint64_t scale = 1;
-    for (std::size_t k = 0; k < length; ++k) scale *= 10;
-    value = value * scale + chunk;
-    at += length;
-  }
-  return value;
-}
-
-bool isHexDigit(unsigned char c) {
-  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
-}
-
-// Reference: the hex digits of body without the junk, the last sixteen of them as the value.
-uint64_t hexModulo(const std::string& body) {
-  std::string digits;
-  for (unsigned char c : body)
-    if (isHexDigit(c)) digits.push_back(static_cast<char>(c));
-  if (digits.size() > 16) digits.erase(0, digits.size() - 16);
-  uint64_t value = 0;
-  if (!digits.empty()) std::from_chars(digits.data(), digits.data() + digits.size(), value, 16);
-  return value;
-}
+using orvix_model::decimalModulo;
+using orvix_model::hexModulo;
+using orvix_model::isHexDigit;
 
 int64_t asSigned(uint64_t v) { return static_cast<int64_t>(v); }
 
@@ -688,6 +662,31 @@ TEST(ParseNum, RandomHexWithJunkAgainstAReference) {
     const std::string text = std::string("0") + (rng() % 2 ? "x" : "X") + body;
     ASSERT_EQ(parseNum(text.c_str()), asSigned(hexModulo(body))) << text;
   }
+}
+
+// Short texts over the characters that decide the form (digits, minus, x and X, hex letters,
+// junk), whole: the model says which throw and what the others give.
+TEST(ParseNum, EveryShortTextOverTheDecidingCharactersAgainstTheModel) {
+  const std::string alphabet = "0-xX9aF ";
+  std::vector<std::string> texts{""};
+  for (std::size_t begin = 0, length = 1; length <= 5; ++length) {
+    const std::size_t end = texts.size();
+    for (std::size_t i = begin; i < end; ++i)
+      for (char c : alphabet) texts.push_back(texts[i] + c);
+    begin = end;
+  }
+  int thrown = 0;
+  for (const std::string& text : texts) {
+    const orvix_model::ParseNumExpected expected = orvix_model::parseNumModel(text);
+    if (expected.throws) {
+      ++thrown;
+      EXPECT_THROW(parseNum(text.c_str()), ParseException) << '"' << text << '"';
+    } else {
+      EXPECT_EQ(parseNum(text.c_str()), expected.value) << '"' << text << '"';
+    }
+  }
+  EXPECT_GT(thrown, 0);
+  EXPECT_LT(thrown, static_cast<int>(texts.size()));
 }
 
 // ---- normalizePos ------------------------------------------------------------------------------

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
-#include <deque>
 #include <functional>
 #include <random>
 #include <sstream>
@@ -16,6 +15,7 @@
 #include <vector>
 
 #include "TestSupport.hpp"
+#include "models/LimitedBufferModel.hpp"
 
 using orvix_test::assertionLine;
 using orvix_test::runInChild;
@@ -24,8 +24,8 @@ using util::LimitedBuffer;
 namespace {
 
 constexpr const char* kUnit = "Orvix/CppLimitedBuffer";
-const std::string kHeader = "\n\n======== LIMITED BUFFER CONTENT ========\n\n";
-const std::string kFooter = "\n==============\n\n";
+const std::string kHeader = orvix_model::LimitedBufferModel::kHeader;
+const std::string kFooter = orvix_model::LimitedBufferModel::kFooter;
 
 // Renders a list as <hex bytes>.
 void hexFormat(std::ostream& os, const char* values) {
@@ -334,32 +334,19 @@ TEST(LimitedBufferDeathTest, StateValueListOfTheWrongSize) {
                                  "numBytes == bytesPerValueList"));
 }
 
-// Reference model: the whole history of appended text and, for each surviving list, the
-// history offset at which it was recorded. What print shows is derived from that history alone.
+// Against the history model of models/LimitedBufferModel.hpp.
 TEST_F(LimitedBufferTest, RandomizedAgainstHistoryModel) {
   std::mt19937 rng(61122);
   for (std::size_t cap : {7u, 16u, 61u}) {
     LimitedBuffer lb(cap, 2, hexFormat);
-    std::string history;
-    std::string ringModel(cap, '\0');  // the ring's bytes, written piece by piece with wrap
-    std::deque<std::pair<std::size_t, std::string>> lists;  // (history offset, record)
+    orvix_model::LimitedBufferModel model(cap);
     for (int step = 0; step < 3000; ++step) {
       const unsigned op = rng() % 10;
       if (op < 6) {
-        const std::size_t len = 1 + rng() % (cap - 1);
+        const std::size_t len = rng() % cap;  // empty pieces included
         std::string piece;
         for (std::size_t i = 0; i < len; ++i) piece += static_cast<char>('a' + rng() % 26);
-        const std::size_t from = history.size() % cap;
-        // Newest first: the first list whose ring offset the piece covers goes, with all older.
-        for (std::size_t i = lists.size(); i-- > 0;) {
-          const std::size_t pos = lists[i].first % cap;
-          if ((pos + cap - from - 1) % cap < len) {
-            lists.erase(lists.begin(), lists.begin() + static_cast<std::ptrdiff_t>(i) + 1);
-            break;
-          }
-        }
-        for (std::size_t i = 0; i < len; ++i) ringModel[(history.size() + i) % cap] = piece[i];
-        history += piece;
+        model.add(piece);
         if (op < 4)
           lb.add(piece.data(), piece.size());
         else
@@ -367,31 +354,17 @@ TEST_F(LimitedBufferTest, RandomizedAgainstHistoryModel) {
       } else if (op < 9) {
         std::string rec{static_cast<char>(rng() % 256), static_cast<char>(rng() % 256)};
         lb.addStateValueList(rec.data(), 2);
-        lists.emplace_back(history.size(), rec);
-        if (lists.size() > 128) lists.pop_front();
+        model.addList(rec);
       } else {
-        const std::size_t valid = std::min(history.size(), cap);
-        const std::size_t first = history.size() - valid;
-        std::string expected = kHeader;
-        std::size_t at = first;
-        for (auto& l : lists) {
-          ASSERT_GE(l.first, first) << "step " << step;
-          expected += history.substr(at, l.first - at);
-          at = l.first;
-          std::ostringstream os;
-          hexFormat(os, l.second.data());
-          expected += os.str();
-        }
-        expected += history.substr(at) + kFooter;
-        ASSERT_EQ(printed(lb), expected) << "cap " << cap << " step " << step;
+        ASSERT_EQ(printed(lb), model.printed(hexFormat)) << "cap " << cap << " step " << step;
       }
       // Bytes never written are left as the allocation gave them.
-      const std::size_t written = std::min(history.size(), cap);
-      ASSERT_EQ(std::string(lb.ringBegin(), written), ringModel.substr(0, written))
+      const std::size_t written = model.writtenBytes();
+      ASSERT_EQ(std::string(lb.ringBegin(), written), model.ring().substr(0, written))
           << "cap " << cap << " step " << step;
-      ASSERT_EQ(lb.validSize(), std::min(history.size(), cap));
-      ASSERT_EQ(static_cast<std::size_t>(lb.writePos() - lb.ringBegin()), history.size() % cap);
-      ASSERT_EQ(lb.stateValueLists().getCount(), static_cast<int>(lists.size()));
+      ASSERT_EQ(lb.validSize(), model.validSize());
+      ASSERT_EQ(static_cast<std::size_t>(lb.writePos() - lb.ringBegin()), model.writeOffset());
+      ASSERT_EQ(lb.stateValueLists().getCount(), static_cast<int>(model.listCount()));
     }
   }
 }

@@ -12,6 +12,7 @@
 #include <cwchar>
 #include <fstream>
 #include <functional>
+#include <iostream>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -21,6 +22,7 @@
 
 #include "Orvix/ThreadSafeStream.hpp"
 #include "TestSupport.hpp"
+#include "models/Utf8Model.hpp"
 
 using orvix_test::assertionLine;
 using orvix_test::runInChild;
@@ -144,24 +146,7 @@ class ScopedLocale {
   bool ok_;
 };
 
-// The reference encoder: the UTF-8 form of one code point up to 0x7FFFFFFF (the 5- and 6-byte
-// forms only for values above U+10FFFF, which the platform's converter also handles).
-std::string utf8(unsigned long cp) {
-  std::string out;
-  if (cp < 0x80) {
-    out += static_cast<char>(cp);
-    return out;
-  }
-  int length = cp < 0x800 ? 2 : cp < 0x10000 ? 3 : cp < 0x200000 ? 4 : cp < 0x4000000 ? 5 : 6;
-  static const unsigned char kLead[] = {0, 0, 0xC0, 0xE0, 0xF0, 0xF8, 0xFC};
-  out.resize(static_cast<std::size_t>(length));
-  for (int i = length - 1; i > 0; --i) {
-    out[static_cast<std::size_t>(i)] = static_cast<char>(0x80 | (cp & 0x3F));
-    cp >>= 6;
-  }
-  out[0] = static_cast<char>(kLead[length] | cp);
-  return out;
-}
+using orvix_model::utf8;
 
 std::wstring wide(std::initializer_list<unsigned long> cps) {
   std::wstring w;
@@ -852,6 +837,51 @@ TEST(MystringConversion, MalformedCorpusThrowsWithThePartialResult) {
       EXPECT_EQ(w, before.empty() ? std::wstring() : prefixWide) << hex(text);
     }
   }
+}
+
+// Every input of one or two bytes, and every three-byte input led by a three-byte lead, against
+// the reference decoder (models/Utf8Model.hpp): those it says end without an abort convert to its
+// characters, throw exactly where it says, and print the "mbrtowc: " line only then.
+TEST(MystringConversion, EveryShortInputAgainstTheModel) {
+  ScopedLocale utf8Locale("C.UTF-8");
+  std::vector<std::string> inputs;
+  for (int a = 0; a < 256; ++a) {
+    inputs.push_back(std::string(1, static_cast<char>(a)));
+    for (int b = 0; b < 256; ++b) {
+      inputs.push_back(std::string{static_cast<char>(a), static_cast<char>(b)});
+      if (a >= 0xE0 && a < 0xF0)
+        for (int c = 0; c < 256; c += 3)
+          inputs.push_back(std::string{static_cast<char>(a), static_cast<char>(b),
+                                       static_cast<char>(c)});
+    }
+  }
+  const std::string line = "mbrtowc: " + orvix_test::errorText(EILSEQ) + "\n";
+  std::stringbuf diagnostics;
+  std::streambuf* const previous = std::cerr.rdbuf(&diagnostics);
+  int converted = 0, thrown = 0;
+  for (const std::string& bytes : inputs) {
+    const orvix_model::Utf8Decoded expected = orvix_model::decodeUtf8(bytes);
+    if (expected.outcome == orvix_model::Utf8Outcome::kTruncated ||
+        expected.outcome == orvix_model::Utf8Outcome::kNul)
+      continue;
+    const bool invalid = expected.outcome == orvix_model::Utf8Outcome::kInvalid;
+    diagnostics.str(std::string());
+    mywstring w;
+    bool threw = false;
+    try {
+      w = mystring(bytes);
+    } catch (const Utf8Exception&) {
+      threw = true;
+    }
+    ++(threw ? thrown : converted);
+    EXPECT_EQ(threw, invalid) << hex(bytes);
+    EXPECT_EQ(w, expected.wide) << hex(bytes);
+    EXPECT_EQ(diagnostics.str(), invalid ? line : "") << hex(bytes);
+    if (::testing::Test::HasFailure()) break;
+  }
+  std::cerr.rdbuf(previous);
+  EXPECT_GT(converted, 10000);
+  EXPECT_GT(thrown, 10000);
 }
 
 TEST(MystringConversion, TheLoneFfByte) {

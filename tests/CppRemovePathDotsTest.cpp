@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "TestSupport.hpp"
+#include "models/RemovePathDotsModel.hpp"
 
 using orvix_test::assertionLine;
 using orvix_test::runInChild;
@@ -41,94 +42,11 @@ void expectAssertion(const std::function<void()>& fn, int line, const std::strin
   orvix_test::expectAssertion(fn, kUnit, line, function, expr);
 }
 
-// ---- a model of the transition table ------------------------------------------------------
+// ---- the model of the transition table (models/RemovePathDotsModel.hpp) ---------------------
 
-enum class Outcome { kTrue, kFalse, kAbortInJEnd, kAbortOnSlash };
-
-const char* name(Outcome o) {
-  switch (o) {
-    case Outcome::kTrue: return "true";
-    case Outcome::kFalse: return "false";
-    case Outcome::kAbortInJEnd: return "abort in jEnd";
-    case Outcome::kAbortOnSlash: return "abort on c != '/'";
-  }
-  return "?";
-}
-
-struct Modeled {
-  Outcome outcome;
-  std::string text;  // the string when the call returns or aborts
-};
-
-// Steps the table one character at a time. Only the number of completed segments matters for
-// the outcome; their content is never read.
-Modeled model(std::string s) {
-  enum { kStart, kBegin, kDot1, kDot2, kContinue, kEnd, kError } state = kStart;
-  std::size_t readPos = 0, writePos = 0;
-  int segments = 0;
-  bool absolute = false;
-  auto write = [&](const char* text) {
-    for (; *text; ++text) s[writePos++] = *text;
-  };
-  for (;;) {
-    if (state == kEnd) return {Outcome::kTrue, s.substr(0, writePos)};
-    if (state == kError) return {Outcome::kFalse, s};
-    const bool end = readPos == s.size();
-    const char c = end ? '\0' : s[readPos++];
-    switch (state) {
-      case kStart:
-        if (end) {
-          state = kEnd;
-        } else if (c == '/') {
-          absolute = true;
-          write("/");
-          state = kBegin;
-        } else {
-          state = kContinue;
-        }
-        break;
-      case kBegin:
-        if (end) return {Outcome::kAbortInJEnd, s};
-        if (c == '/') return {Outcome::kAbortOnSlash, s};
-        state = c == '.' ? kDot1 : kContinue;
-        break;
-      case kDot1:
-        if (end) return {Outcome::kAbortInJEnd, s};
-        state = c == '.' ? kDot2 : c == '/' ? kBegin : kContinue;
-        break;
-      case kDot2:
-        if (end) {
-          if (segments > 0) return {Outcome::kAbortInJEnd, s};
-          if (absolute) {
-            state = kError;
-          } else {
-            write("..");
-            state = kEnd;
-          }
-        } else if (c == '/') {
-          if (absolute) {
-            state = kError;
-          } else {
-            write("../");
-            state = kBegin;
-          }
-        } else {
-          state = kContinue;
-        }
-        break;
-      case kContinue:
-        if (end) return {Outcome::kAbortInJEnd, s};
-        if (c == '/') {
-          ++segments;
-          state = kBegin;
-        }
-        break;
-      case kEnd:
-      case kError:
-        break;
-    }
-  }
-}
+using orvix_model::name;
+using orvix_model::PathDotsModeled;
+using Outcome = orvix_model::PathDotsOutcome;
 
 // Every string over '/', '.', 'a' of length 0 to maxLength, shorter ones first.
 std::vector<std::string> allPaths(std::size_t maxLength) {
@@ -425,7 +343,7 @@ TEST(RemovePathDotsDeathTest, EveryPathUpToSevenCharactersMatchesTheTable) {
   const std::vector<Observed> observed = observeAll(inputs, &children);
   int counts[4] = {};
   for (std::size_t i = 0; i < inputs.size(); ++i) {
-    const Modeled expected = model(inputs[i]);
+    const PathDotsModeled expected = orvix_model::removePathDotsModel(inputs[i]);
     ++counts[static_cast<int>(expected.outcome)];
     EXPECT_EQ(name(observed[i].outcome), std::string(name(expected.outcome)))
         << "input \"" << inputs[i] << "\"";

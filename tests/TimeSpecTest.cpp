@@ -11,8 +11,11 @@
 #include <type_traits>
 #include <vector>
 
+#include "models/TimeSpecModel.hpp"
+
 namespace {
 
+using orvix_model::TimeSpecModel;
 using util::TimeSpec;
 
 constexpr int64_t kG = 1000000000;
@@ -38,60 +41,6 @@ timespec raw(int64_t sec, int64_t nsec) {
   t.tv_nsec = static_cast<long>(nsec);
   return t;
 }
-
-// ---- Reference model: 64-bit arithmetic with the 32-bit wrap made explicit. -------------------
-
-int64_t wrap32(int64_t v) {
-  int64_t m = ((v % 4294967296LL) + 4294967296LL) % 4294967296LL;
-  return m >= 2147483648LL ? m - 4294967296LL : m;
-}
-
-struct Ref {
-  int64_t s;
-  int64_t ns;
-};
-
-Ref refNormalize(Ref r) {
-  r.s = wrap32(r.s);
-  r.ns = wrap32(r.ns);
-  for (int i = 0; i < 2 && r.ns >= kG; ++i) {
-    r.ns -= kG;
-    r.s = wrap32(r.s + 1);
-  }
-  if (r.ns >= kG) r.ns = -1;  // not reachable for 32-bit input: flags a model error below
-  for (int i = 0; i < 2 && r.ns <= -kG; ++i) {
-    r.ns += kG;
-    r.s = wrap32(r.s - 1);
-  }
-  if (r.s > 0 && r.ns < 0) {
-    r.s -= 1;
-    r.ns += kG;
-  } else if (r.s < 0 && r.ns > 0) {
-    r.s += 1;
-    r.ns -= kG;
-  }
-  return r;
-}
-
-bool refLess(Ref a, Ref b) {
-  const int64_t d = wrap32(a.s - b.s);
-  return d != 0 ? d < 0 : a.ns < b.ns;
-}
-
-Ref refSubtract(Ref a, Ref b) {
-  Ref r{wrap32(a.s - b.s), wrap32(a.ns - b.ns)};
-  if (r.s > 0 && r.ns < 0) {
-    r.s -= 1;
-    r.ns += kG;
-  } else if (r.s < 0 && r.ns > 0) {
-    r.s += 1;
-    r.ns -= kG;
-  }
-  return r;
-}
-
-// Without a wrap, a normalised value is the truncating split of its total nanoseconds.
-Ref splitTotal(int64_t total) { return Ref{total / kG, total % kG}; }
 
 }  // namespace
 
@@ -388,7 +337,9 @@ int64_t pickNanos(std::mt19937& rng, bool anyInt32) {
   return static_cast<int64_t>(rng() % 1999999999u) - 999999999;
 }
 
-Ref fieldsRef(const TimeSpec& t) { return Ref{t.sec(), t.nsec()}; }
+TimeSpecModel modelOf(const TimeSpec& t) { return TimeSpecModel{t.sec(), t.nsec()}; }
+
+std::pair<int64_t, int64_t> fields(const TimeSpecModel& m) { return {m.sec, m.nsec}; }
 
 }  // namespace
 
@@ -399,17 +350,15 @@ TEST(TimeSpecDifferential, AgainstReferenceModel) {
     const int64_t s = pickSeconds(rng);
     const int64_t ns = pickNanos(rng, true);
     const TimeSpec t = make(static_cast<long>(s), static_cast<long>(ns));
-    const Ref want = refNormalize(Ref{s, ns});
-    ASSERT_EQ(fields(t), std::make_pair(want.s, want.ns)) << "init(" << s << ", " << ns << ")";
+    ASSERT_EQ(fields(t), fields(TimeSpecModel::of(s, ns))) << "init(" << s << ", " << ns << ")";
     ASSERT_GT(t.nsec(), -kG);
     ASSERT_LT(t.nsec(), kG);
     ASSERT_FALSE(t.sec() > 0 && t.nsec() < 0);
     ASSERT_FALSE(t.sec() < 0 && t.nsec() > 0);
     // Away from the wrap the result is the truncating split of the total.
-    const int64_t total = s * kG + ns;
-    if (total / kG > INT32_MIN && total / kG < INT32_MAX) {
-      const Ref split = splitTotal(total);
-      ASSERT_EQ(fields(t), std::make_pair(split.s, split.ns)) << s << " " << ns;
+    TimeSpecModel split;
+    if (TimeSpecModel::byTotal(s, ns, &split)) {
+      ASSERT_EQ(fields(t), fields(split)) << s << " " << ns;
     }
 
     // Arithmetic, comparison and subtract on normalised operands.
@@ -417,35 +366,29 @@ TEST(TimeSpecDifferential, AgainstReferenceModel) {
                             static_cast<long>(pickNanos(rng, false)));
     const TimeSpec b = make(static_cast<long>(pickSeconds(rng)),
                             static_cast<long>(pickNanos(rng, false)));
-    const Ref ra = fieldsRef(a);
-    const Ref rb = fieldsRef(b);
+    const TimeSpecModel ma = modelOf(a);
+    const TimeSpecModel mb = modelOf(b);
 
     TimeSpec sum = a;
     sum += b;
-    const Ref wantSum = refNormalize(Ref{ra.s + rb.s, ra.ns + rb.ns});
-    ASSERT_EQ(fields(sum), std::make_pair(wantSum.s, wantSum.ns)) << a << " + " << b;
+    ASSERT_EQ(fields(sum), fields(ma.plus(mb))) << a << " + " << b;
 
     TimeSpec diff = a;
     diff -= b;
-    const Ref wantDiff = refNormalize(Ref{ra.s - rb.s, ra.ns - rb.ns});
-    ASSERT_EQ(fields(diff), std::make_pair(wantDiff.s, wantDiff.ns)) << a << " - " << b;
-
-    const int64_t exact = (ra.s - rb.s) * kG + (ra.ns - rb.ns);
-    if (exact / kG > INT32_MIN && exact / kG < INT32_MAX) {
-      const Ref split = splitTotal(exact);
-      ASSERT_EQ(fields(diff), std::make_pair(split.s, split.ns)) << a << " - " << b;
+    ASSERT_EQ(fields(diff), fields(ma.minus(mb))) << a << " - " << b;
+    if (TimeSpecModel::byTotal(ma.sec - mb.sec, ma.nsec - mb.nsec, &split)) {
+      ASSERT_EQ(fields(diff), fields(split)) << a << " - " << b;
     }
 
-    ASSERT_EQ(a < b, refLess(ra, rb)) << a << " < " << b;
-    ASSERT_EQ(b < a, refLess(rb, ra)) << b << " < " << a;
+    ASSERT_EQ(a < b, ma.less(mb)) << a << " < " << b;
+    ASSERT_EQ(b < a, mb.less(ma)) << b << " < " << a;
     ASSERT_FALSE(a < a);
-    if (ra.s - rb.s < 2147483648LL && rb.s - ra.s < 2147483648LL) {
+    if (ma.sec - mb.sec < 2147483648LL && mb.sec - ma.sec < 2147483648LL) {
       // Less than 2^31 s apart: the order of the real totals.
-      ASSERT_EQ(a < b, ra.s * kG + ra.ns < rb.s * kG + rb.ns) << a << " < " << b;
+      ASSERT_EQ(a < b, ma.sec * kG + ma.nsec < mb.sec * kG + mb.nsec) << a << " < " << b;
     }
 
     const timespec sub = subtract(*a.to_c(), *b.to_c());
-    const Ref wantSub = refSubtract(ra, rb);
-    ASSERT_EQ(fields(sub), std::make_pair(wantSub.s, wantSub.ns)) << a << " minus " << b;
+    ASSERT_EQ(fields(sub), fields(ma.subtract(mb))) << a << " minus " << b;
   }
 }
