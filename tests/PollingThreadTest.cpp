@@ -127,18 +127,16 @@ extern "C" int nanosleep(const timespec* request, timespec* remaining) {
 namespace {
 
 // Counts events, their threads and times; an action set with setOnEvent runs inside each event.
-class Handler : public IPollingThreadHandler {
+class Handler : public IPollingThreadHandler, public orvix_test::EventRecorder {
  public:
   void event() override {
     std::size_t n;
     std::function<void(std::size_t)> action;
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      threads_.push_back(threadId());
       times_.push_back(std::chrono::steady_clock::now());
-      n = threads_.size();
+      n = record();
       action = onEvent_;
-      cond_.notify_all();
     }
     if (action) action(n);
   }
@@ -149,28 +147,13 @@ class Handler : public IPollingThreadHandler {
     onEvent_ = std::move(action);
   }
 
-  bool awaitEvents(std::size_t n) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return cond_.wait_for(lock, std::chrono::minutes(2), [&] { return threads_.size() >= n; });
-  }
-  std::size_t count() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return threads_.size();
-  }
-  pid_t threadOf(std::size_t i) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return threads_.at(i);
-  }
   TimePoint timeOf(std::size_t i) {
     std::lock_guard<std::mutex> lock(mutex_);
     return times_.at(i);
   }
 
  private:
-  std::mutex mutex_;
-  std::condition_variable cond_;
-  std::vector<pid_t> threads_;                             // written under mutex_
-  std::vector<TimePoint> times_;  // written under mutex_
+  std::vector<TimePoint> times_;              // written under mutex_
   std::function<void(std::size_t)> onEvent_;  // written under mutex_
 };
 

@@ -9,12 +9,16 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <fstream>
 #include <functional>
+#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace orvix_test {
 
@@ -97,5 +101,36 @@ inline bool waitUntilBlocked(pid_t tid, const char* where = "futex", int timeout
       },
       timeoutSeconds);
 }
+
+// The record of a worker's events for handlers in tests: the thread each event ran on, in order.
+// A handler calls record() at the start of each event; the test waits for counts.
+class EventRecorder {
+ public:
+  // Blocks until at least n events have started (false after a generous guard time).
+  bool awaitEvents(std::size_t n) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return cond_.wait_for(lock, std::chrono::minutes(2), [&] { return threads_.size() >= n; });
+  }
+  std::size_t count() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return threads_.size();
+  }
+  pid_t threadOf(std::size_t i) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return threads_.at(i);
+  }
+
+ protected:
+  // Called with mutex_ held: notes the calling thread, wakes waiters, returns the event's number.
+  std::size_t record() {
+    threads_.push_back(threadId());
+    cond_.notify_all();
+    return threads_.size();
+  }
+
+  std::mutex mutex_;
+  std::condition_variable cond_;
+  std::vector<pid_t> threads_;  // written under mutex_
+};
 
 }  // namespace orvix_test

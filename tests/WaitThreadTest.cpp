@@ -20,12 +20,11 @@ namespace {
 
 // Counts events and the thread each ran on. An event can be held at its start until the test
 // lets it go (hold), so that notifications can arrive while the handler is busy.
-class Handler : public IWaitThreadHandler {
+class Handler : public IWaitThreadHandler, public orvix_test::EventRecorder {
  public:
   void event() override {
     std::unique_lock<std::mutex> lock(mutex_);
-    threads_.push_back(threadId());
-    cond_.notify_all();
+    record();
     cond_.wait(lock, [this] { return !holding_; });
   }
 
@@ -40,26 +39,8 @@ class Handler : public IWaitThreadHandler {
     cond_.notify_all();
   }
 
-  // Blocks until at least n events have started (false after a generous guard time).
-  bool awaitEvents(std::size_t n) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return cond_.wait_for(lock, std::chrono::minutes(2), [&] { return threads_.size() >= n; });
-  }
-
-  std::size_t count() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return threads_.size();
-  }
-  pid_t threadOf(std::size_t i) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return threads_.at(i);
-  }
-
  private:
-  std::mutex mutex_;
-  std::condition_variable cond_;
-  std::vector<pid_t> threads_;  // written under mutex_
-  bool holding_ = false;        // written under mutex_
+  bool holding_ = false;  // written under mutex_
 };
 
 }  // namespace
